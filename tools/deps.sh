@@ -1,0 +1,34 @@
+# Sourced by the build scripts: installs the Debian packages a fresh machine
+# lacks (as root, with apt-get) and puts the CUDA toolkit on PATH when present.
+
+vela_missing_packages() {
+    local p
+    for p in "$@"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || printf '%s ' "$p"
+    done
+}
+
+vela_ensure_packages() {
+    local missing
+    missing=$(vela_missing_packages "$@")
+    [ -z "$missing" ] && return 0
+    if [ "$(id -u)" != 0 ]; then
+        echo "missing packages: $missing (install them with apt-get as root)" >&2
+        return 1
+    fi
+    echo "installing: $missing"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    # shellcheck disable=SC2086
+    apt-get install -y -qq --no-install-recommends $missing >/dev/null
+}
+
+vela_build_packages() {
+    vela_ensure_packages cmake make g++ libgtest-dev libbenchmark-dev
+}
+
+if ! command -v nvcc >/dev/null 2>&1 && [ -x /usr/local/cuda/bin/nvcc ]; then
+    export PATH="$PATH:/usr/local/cuda/bin"
+fi
+
+vela_jobs() { nproc 2>/dev/null || echo 2; }

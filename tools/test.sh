@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test, installing what a fresh machine lacks:
+#   1. the release build, which also compiles and links the cuda backend when
+#      the CUDA toolkit is present, and its tests (on the GPU if there is one,
+#      otherwise on the host backend);
+#   2. the same tests once more on the host backend under AddressSanitizer and
+#      UndefinedBehaviorSanitizer.
+# Pass --quick to skip step 2.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. tools/deps.sh
+vela_build_packages
+
+cuda=AUTO
+if [ "${CI:-}" = "true" ]; then
+    # CI proves the cuda backend compiles: a missing toolkit is a failure there.
+    command -v nvcc >/dev/null || { echo "CI needs the CUDA toolkit (nvcc) to compile the cuda backend" >&2; exit 1; }
+    cuda=ON
+fi
+
+echo "== release build (VELA_CUDA=$cuda)"
+cmake --preset default -DVELA_CUDA=$cuda >/dev/null
+cmake --build --preset default -j "$(vela_jobs)"
+ctest --preset default -j "$(vela_jobs)"
+
+[ "${1:-}" = "--quick" ] && exit 0
+
+echo "== host backend under AddressSanitizer and UndefinedBehaviorSanitizer"
+cmake --preset sanitize >/dev/null
+cmake --build --preset sanitize -j "$(vela_jobs)"
+ctest --preset sanitize -j "$(vela_jobs)"
