@@ -1,0 +1,47 @@
+// Multi-label segmentation by a first-order primal-dual iteration on a convex
+// relaxation of the multi-label total-variation energy.
+#pragma once
+
+#include "src/ImgSeg.h"
+
+class PDseg : public ImgSeg {
+   public:
+    enum SegmentationModel {
+        TV = 0,
+        WEIGHTED_TV = 1,
+        WEIGHTED_TV_FAST = 2,
+        ANISOTROPIC_TV = 3,
+        ANISOTROPIC_EXP_TV = 4,
+    };
+
+    explicit PDseg(vela::Array<float4, 2>& image);
+    // Takes the cost map over: the object releases it.
+    PDseg(vela::Array<float4, 2>& image, vela::Array<float, 3>& costMap);
+    ~PDseg();
+
+    void init();
+    void setAlgorithmParameter(SegmentationModel model);
+    void run() override;
+
+    void labelsToCostMap(vela::Array<float, 2>& labels, int nLabels);
+    void labelImageToCostMap(vela::Array<float4, 2>& labelImage);
+    void imageToCostMap(vela::Array<float4, 2>& image, float4* colors, int nColors);
+    void computeColorRepresentation(vela::Array<float, 3>& labeling, bool project, bool useColorCode);
+
+    // Solver arrays start empty, so an object without a cost map is destroyed safely.
+    vela::Array<float, 3> costMap;
+    vela::Array<float, 3> u;        // relaxed labelling; hard after run()
+    vela::Array<float, 3> uResult;  // relaxed labelling of the last iteration
+    vela::Array<float, 2> g;        // edge weights
+
+    int nLabels;
+    int nIterations;
+    float lambda;
+    int diffusivityType;
+    float alpha;
+    int costMapType;
+    SegmentationModel model;
+    float normBound;
+    float tau;
+    float sigma;
+};
