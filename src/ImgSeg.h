@@ -6,7 +6,7 @@
 #include "src/Seg.h"
 
 class ImgSeg : public Seg {
-   public:
+ public:
     ImgSeg(const std::string& name, vela::Array<float4, 2>& image);
     ~ImgSeg();
 

@@ -5,8 +5,8 @@
 #include "src/ImgSeg.h"
 
 class PDseg : public ImgSeg {
-   public:
-    enum SegmentationModel {
+ public:
+    enum SegmentationModel : int {
         TV = 0,
         WEIGHTED_TV = 1,
         WEIGHTED_TV_FAST = 2,
@@ -44,4 +44,10 @@ class PDseg : public ImgSeg {
     float normBound;
     float tau;
     float sigma;
+
+ private:
+    // Sets nLabels and gives the object a fresh costMap, u and uResult of
+    // W x H x L, releasing the ones it held.  L = 0 gives layerless arrays
+    // without memory.
+    void allocateSolverArrays(unsigned int w, unsigned int h, int labels, const char* caller);
 };

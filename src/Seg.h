@@ -6,7 +6,7 @@
 #include "vela/tools.h"
 
 class Seg {
-   public:
+ public:
     explicit Seg(const std::string& name);
     // Not virtual: objects are always destroyed through their most derived type.
     ~Seg();
