@@ -1,0 +1,43 @@
+// Track files: labelled point trajectories through the frames of a sequence.
+//
+// Plain text, whitespace-separated decimal numbers:
+//
+//     <frame count> <track count>
+//     then per track:  <label> <point count>
+//     then per point:  <x> <y> <frame>
+//
+// x is the column and y the row in pixels (floats); label, counts and frame
+// numbers are ints.  Equal labels mean the same object.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "vela/tools.h"
+
+// Labels index the fixed 100-entry label colour palette, so only 0 to 99 work.
+constexpr int kTrackLabelLimit = 100;
+
+// Label count returned when the file is missing, the frame lies outside the
+// file's frame count, or the file cannot be read (see readTrackFrame).
+constexpr int kNoTrackFrame = -1;
+
+// Builds the sparse label image of one frame.
+//
+// `labels` is a host W x H image the caller has filled with -1 (unlabelled).
+// Every point whose frame is `frame` and that lies strictly inside the image
+// (0 < x < w, 0 < y < h; a point on row or column 0 is rejected) marks the
+// pixel (truncate(x), truncate(y)) with its label index: the position of its
+// track label in `labelIds`, where labels are listed in the order in which
+// their first accepted point was met.  A later point on the same pixel wins.
+//
+// Returns the number of label indices used (0 when no point was accepted),
+// or kNoTrackFrame:
+//   - the file cannot be opened: "File <path> not found." on standard output;
+//   - `frame` is not below the file's frame count (signed comparison): no
+//     message, nothing further is read;
+//   - the file is malformed or ends early, or an accepted point carries a
+//     label outside 0 to kTrackLabelLimit - 1: one line on standard error
+//     naming the file and where reading stopped.
+int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, vela::Array<float, 2>& labels,
+                   std::vector<int>& labelIds);

@@ -1,0 +1,53 @@
+// Scratch folders and files for the driver tests.
+#pragma once
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace driver_test {
+
+// A fresh folder under the system's temporary folder, removed with the object.
+class ScratchFolder {
+   public:
+    explicit ScratchFolder(const std::string& name) {
+        path_ = std::filesystem::temp_directory_path() /
+                ("denseseg-" + name + "-" + std::to_string(::getpid()) + "-" + std::to_string(counter()++));
+        std::filesystem::remove_all(path_);
+        std::filesystem::create_directories(path_);
+    }
+    ~ScratchFolder() {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    // The folder, without a trailing "/".
+    std::string str() const { return path_.string(); }
+    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+    // Writes `contents` to `name` (folders created) and returns its path.
+    std::string write(const std::string& name, const std::string& contents) const {
+        const std::filesystem::path p = path_ / name;
+        std::filesystem::create_directories(p.parent_path());
+        std::ofstream(p, std::ios::binary) << contents;
+        return p.string();
+    }
+
+   private:
+    static int& counter() {
+        static int n = 0;
+        return n;
+    }
+    std::filesystem::path path_;
+};
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace driver_test
