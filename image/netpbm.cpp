@@ -102,6 +102,7 @@ Image read(const char* path, Accept accept) {
     h.next();
     h.readUntil([](int c) { return c == 'P'; });
     h.next();
+    if (h.c == EOF) h.fail("the image header is truncated");
     Image image;
     if (h.c == '5')
         image.zSize = 1;
