@@ -1,11 +1,8 @@
-// Helpers shared by the engine tests: moving small images to and from the
-// device, owning test arrays, and running in a scratch directory.
+// Helpers shared by the engine tests.
 #pragma once
 
 #include <unistd.h>
 
-#include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -13,11 +10,11 @@
 
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
-#include "vela/tools.h"
 
 namespace enginetest {
 
-// A W x H device image holding `pixels` (row-major).
+using Image = seg::ScopedArray<float4, 2>;
+
 template <class T>
 vela::Array<T, 2> upload(std::vector<T> pixels, unsigned int w, unsigned int h) {
     vela::Array<T, 2> d = seg::deviceArray2D<T>(w, h);
@@ -25,26 +22,18 @@ vela::Array<T, 2> upload(std::vector<T> pixels, unsigned int w, unsigned int h) 
     return d;
 }
 
-template <class T>
-std::vector<T> download(const vela::Array<T, 2>& a) {
-    std::vector<T> out(static_cast<std::size_t>(a.extents.x) * a.extents.y);
-    auto h = vela::arrayFromHostMemory(out.data(), make_uint2(a.extents.x, a.extents.y));
-    vela::arrayCopy(h, a);
-    return out;
-}
-
 // Element (x, y, l) lands at (l * H + y) * W + x.
-template <class T>
-std::vector<T> download(const vela::Array<T, 3>& a) {
-    std::vector<T> out(static_cast<std::size_t>(a.extents.x) * a.extents.y * a.extents.z);
-    if (out.empty()) return out;
-    auto h = vela::arrayFromHostMemory(out.data(), a.extents);
-    vela::arrayCopy(h, a);
+template <class T, int N>
+std::vector<T> download(const vela::Array<T, N>& a) {
+    const vela::Array<T, 4> a4 = vela::internal::increaseArrayDimension(a);
+    std::vector<T> out(static_cast<std::size_t>(a4.extents.x) * a4.extents.y * a4.extents.z);
+    auto host = vela::arrayFromHostMemory(out.data(), make_uint3(a4.extents.x, a4.extents.y, a4.extents.z));
+    if (!out.empty()) vela::arrayCopy(host, vela::internal::decreaseArrayDimension<T, 4, 3>(a4));
     return out;
 }
 
-// A PDseg that also releases the colour tables the engine leaves to the
-// process's end, so that leak checks see only real leaks.
+// Also releases the colour tables the engine leaves to the process's end, so
+// that leak checks see only real leaks.
 struct ScopedPDseg : PDseg {
     using PDseg::PDseg;
     ~ScopedPDseg() {
@@ -53,29 +42,31 @@ struct ScopedPDseg : PDseg {
     }
 };
 
-// Runs the enclosing scope in a fresh scratch directory and removes it after.
-class ScratchDir {
- public:
-    ScratchDir() : previous_(std::filesystem::current_path()) {
+template <class F>
+std::string messageOf(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no exception>";
+}
+
+inline bool same(const float4& a, const float4& b) { return a.x == b.x && a.y == b.y && a.z == b.z && a.w == b.w; }
+
+// Runs the enclosing scope in a fresh scratch directory, removed afterwards.
+struct ScratchDir {
+    std::filesystem::path previous = std::filesystem::current_path(), path;
+    ScratchDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "engine_test_XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make a scratch directory");
-        path_ = pattern;
-        std::filesystem::current_path(path_);
+        std::filesystem::current_path(path = pattern);
     }
     ~ScratchDir() {
         std::error_code ignored;
-        std::filesystem::current_path(previous_, ignored);
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::current_path(previous, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
-    const std::filesystem::path& path() const { return path_; }
-
- private:
-    std::filesystem::path previous_;
-    std::filesystem::path path_;
 };
-
-inline bool sameColour(const float4& a, const float4& b) {
-    return a.x == b.x && a.y == b.y && a.z == b.z && a.w == b.w;
-}
 
 }  // namespace enginetest
