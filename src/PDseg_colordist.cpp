@@ -80,9 +80,9 @@ VELA_HD inline Window reach(int firstX, int lastX, int firstY, int lastY, int w,
 // Only labelled (non-black) pixels can be l-pixels unless a label's colour is
 // black.  So phase 0 also records, for every row the block's neighbourhoods
 // reach, the first and last labelled column and which chunks of kChunk columns
-// hold labelled pixels, and the scans read only those, in ascending order.  The pixels skipped would contribute
-// nothing, so the results, sums in their row-major order included, are those
-// of the full scan.
+// hold labelled pixels, and the scans read only those, in ascending order.
+// The pixels skipped would contribute nothing, so the results, sums in their
+// row-major order included, are those of the full scan.
 struct spatiallyVaryColorDistCostMap_kernel {
     struct Shared {
         float4 colors[seg::kMaxLabels];
@@ -112,10 +112,8 @@ struct spatiallyVaryColorDistCostMap_kernel {
         const int x = static_cast<int>(ux), y = static_cast<int>(uy);
         const int labels = static_cast<int>(cost.extents.z);
 
-        bool everyPixel = false;
-        for (int l = 0; l < labels; ++l) everyPixel = everyPixel || seg::isUnlabelled(s.colors[l]);
-        const Scan scan{labelImage, s.labelledColumns,       s.labelledChunks, block.x0,
-                        block.y0,   reach(x, x, y, y, w, h), everyPixel};
+        Scan scan{labelImage, s.labelledColumns, s.labelledChunks, block.x0, block.y0, reach(x, x, y, y, w, h), false};
+        for (int l = 0; l < labels; ++l) scan.everyPixel = scan.everyPixel || seg::isUnlabelled(s.colors[l]);
         const float4 here = vela::at(image, ux, uy);
 
         for (int l = 0; l < labels; ++l) {

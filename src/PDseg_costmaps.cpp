@@ -149,7 +149,7 @@ void PDseg::labelImageToCostMap(vela::Array<float4, 2>& labelImage) {
     auto hostPixels = vela::arrayFromHostMemory(pixels.data(), make_uint2(w, h));
     vela::arrayCopy(hostPixels, labelImage);
 
-    const std::vector<float4> colours = numberLabelColours(pixels);
+    std::vector<float4> colours = numberLabelColours(pixels);
     const int labels = static_cast<int>(colours.size());
     // Both cost-map kernels keep the colours in a per-block table.
     seg::checkLabelCount(labels, seg::kMaxLabels, "the label colour table");
@@ -164,8 +164,7 @@ void PDseg::labelImageToCostMap(vela::Array<float4, 2>& labelImage) {
     labelColors = vela::Array<float4, 1>{};
     if (labels > 0) {
         labelColors = seg::deviceArray1D<float4>(static_cast<unsigned int>(labels));
-        std::vector<float4> table(colours);
-        vela::arrayCopy(labelColors, seg::hostView1D(table.data(), static_cast<unsigned int>(labels)));
+        vela::arrayCopy(labelColors, seg::hostView1D(colours.data(), static_cast<unsigned int>(labels)));
     }
 
     const dim3 grid = gridFor(w, h), block(kBlock, kBlock);
