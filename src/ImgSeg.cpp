@@ -1,6 +1,7 @@
 #include "src/ImgSeg.h"
 
 #include <cmath>
+#include <stdexcept>
 
 #include "src/engine_arrays.h"
 #include "vela/access.h"
@@ -54,6 +55,8 @@ ImgSeg::~ImgSeg() {
 }
 
 vela::Array<float4, 2>& ImgSeg::getColorImageOverlay(float alpha) {
+    if (image.device == vela::kHostDevice)
+        throw std::runtime_error("ImgSeg::getColorImageOverlay(): the image must be on the device");
     const dim3 block(kOverlayBlock, kOverlayBlock);
     const dim3 grid(vela::device::blocksFor(image.extents.x, kOverlayBlock),
                     vela::device::blocksFor(image.extents.y, kOverlayBlock));

@@ -71,6 +71,8 @@ void PDseg::computeColorRepresentation(vela::Array<float, 3>& labels, bool proje
     vela::Array<float4, 1>& colours = useColorCode ? colorCode : labelColors;
     seg::checkLabelCount(labelCount, static_cast<int>(colours.extents.x),
                          useColorCode ? "the colour palette" : "the label colour table");
+    if (labelCount > 0 && colours.device == vela::kHostDevice)
+        throw std::runtime_error("PDseg::computeColorRepresentation(): the label colours must be on the device");
     if (project) seg::checkLabelCount(labelCount, seg::kMaxLabels, "the simplex projection");
     if (labels.extents.x != colorImage.extents.x || labels.extents.y != colorImage.extents.y)
         throw std::runtime_error("PDseg::computeColorRepresentation(): the labelling " +
