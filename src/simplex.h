@@ -8,6 +8,7 @@
 #include <string>
 #include <type_traits>
 
+#include "src/PDseg_solver_lanes.h"
 #include "vela/device/types.h"
 
 namespace seg {
@@ -29,25 +30,36 @@ decltype(auto) withLabelCapacity(int L, F&& f) {
 // for `what` ("the solver", "the colour table", ...).
 void checkLabelCount(int L, int limit, const std::string& what);
 
-// Projects v[0..L-1] in place onto {w >= 0, sum w = 1}: L rounds of
-// thresholding, each keeping the values strictly above the last threshold.
-VELA_HD inline void projectSimplex(float* v, int L) {
-    float theta = -1e20f;
+// Projects v[0..L-1] in place onto {w >= 0, sum w = 1}, for one pixel (V =
+// float) or a pack of pixels: L rounds of thresholding, each keeping the values
+// strictly above the last threshold, then w = max(0, v - theta).
+//
+// Rounds stop early once the threshold repeats in every lane.  That is exact,
+// not an approximation: a repeated threshold selects the same values again, so
+// every later round would recompute the very same bits.
+template <class V>
+VELA_HD inline void projectSimplexLanes(V* v, int L) {
+    V theta(-1e20f);
     for (int round = 0; round < L; ++round) {
-        float sum = 0.0f;
-        int count = 0;
+        V sum(0.0f), count(0.0f);
         for (int k = 0; k < L; ++k) {
-            if (v[k] > theta) {
-                sum += v[k];
-                count += 1;
-            }
+            const auto above = v[k] > theta;
+            // Adding +0 leaves a sum unchanged, so this equals adding only the
+            // values above theta.
+            sum = sum + select(above, v[k], V(0.0f));
+            count = count + select(above, V(1.0f), V(0.0f));
         }
-        theta = (sum - 1.0f) / static_cast<float>(count);
+        const V next = (sum - V(1.0f)) / count;
+        const bool repeated = allLanes(next == theta);
+        theta = next;
+        if (repeated) break;
     }
     for (int k = 0; k < L; ++k) {
-        const float w = v[k] - theta;
-        v[k] = w > 0.0f ? w : 0.0f;
+        const V w = v[k] - theta;
+        v[k] = select(w > V(0.0f), w, V(0.0f));
     }
 }
+
+VELA_HD inline void projectSimplex(float* v, int L) { projectSimplexLanes(v, L); }
 
 }  // namespace seg
