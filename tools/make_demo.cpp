@@ -30,8 +30,8 @@ namespace {
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
 constexpr int kFrames = 8;
-constexpr int kDefaultMaxiter = 300;
-constexpr double kDefaultLambda = 1.0;
+constexpr int kDefaultMaxiter = 500;
+constexpr double kDefaultLambda = 50.0;
 
 // splitmix64: small, fast and the same everywhere.
 class Random {

@@ -1,0 +1,409 @@
+#include "src/driver.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "image/CTensor.h"
+#include "src/PDseg.h"
+#include "src/config.h"
+#include "src/tracks.h"
+#include "src/utility.h"
+#include "vela/algorithms/basic.h"
+#include "vela/algorithms/conversion.h"
+#include "vela/cmatrixlib_interface.h"
+#include "vela/timer.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const cudaStream_t kDefaultStream = nullptr;
+
+// Releases an array allocated here when it goes out of scope.
+template <class T, int N>
+struct OwnedArray {
+    vela::Array<T, N> a;
+    explicit OwnedArray(const vela::Array<T, N>& array) : a(array) {}
+    ~OwnedArray() { vela::freeArray(a); }
+    OwnedArray(const OwnedArray&) = delete;
+    OwnedArray& operator=(const OwnedArray&) = delete;
+};
+
+template <class T, int M>
+vela::Array<T, M> narrow(const vela::Array<T, 4>& a) {
+    return vela::internal::decreaseArrayDimension<T, 4, M>(a);
+}
+
+// The file name after the last "/".
+std::string baseName(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// A name in the folder of `path` under which its contents are written before
+// they are renamed into place.  It starts with "." so that no listing of
+// results picks it up, and keeps the extension that chooses the file format.
+std::string partialName(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    return folder + ".partial-" + std::to_string(::getpid()) + "-" + baseName(path);
+}
+
+// Moves a finished file into place; the partial file is removed on failure.
+void renameIntoPlace(const std::string& partial, const std::string& path) {
+    std::error_code ec;
+    fs::rename(partial, path, ec);
+    if (ec) {
+        fs::remove(partial, ec);
+        throw std::runtime_error("cannot move the result into place as " + path);
+    }
+}
+
+// Writes a planar 3-plane image so that `path` either keeps its old contents
+// or holds the complete new file.
+void saveImageInPlace(const vela::Array<float, 3>& image, const std::string& path) {
+    const std::string partial = partialName(path);
+    try {
+        vela::saveImage(image, partial, false);
+    } catch (...) {
+        std::error_code ec;
+        fs::remove(partial, ec);
+        throw;
+    }
+    renameIntoPlace(partial, path);
+}
+
+// Converts a float4 rendering to three float planes in its own memory space
+// and saves it.
+void saveRendering(const vela::Array<float4, 2>& rendering, const std::string& path) {
+    const uint4 extents = make_uint4(rendering.extents.x, rendering.extents.y, 3, 1);
+    OwnedArray<float, 3> planes(narrow<float, 3>(rendering.device == vela::kHostDevice
+                                                     ? vela::mallocHostArray<float>(extents, vela::LINEAR_LAYOUT)
+                                                     : vela::mallocDeviceArray<float>(extents, vela::PITCHED_LAYOUT)));
+    vela::convert(planes.a, rendering, kDefaultStream);
+    saveImageInPlace(planes.a, path);
+}
+
+// Whether `path` names the same file as one of `inputs`.
+bool isInputFile(const std::string& path, const std::vector<std::string>& inputs) {
+    for (const std::string& input : inputs) {
+        std::error_code ec;
+        if (fs::equivalent(path, input, ec) && !ec) return true;
+    }
+    return false;
+}
+
+// Refuses outputs that would replace an input of the run.
+bool outputsAreFree(const std::string& stem, const std::vector<std::string>& inputs) {
+    for (const char* suffix : {"_dense.ppm", "_overlay.ppm"}) {
+        if (isInputFile(stem + suffix, inputs)) {
+            std::cerr << "denseseg: the result " << stem << suffix
+                      << " would replace an input file; choose another result directory" << std::endl;
+            return false;
+        }
+    }
+    return true;
+}
+
+// Picks the palette colour of each frame label, so that a track keeps its
+// colour whatever the order in which labels appear.  False when a label has
+// no palette entry.
+bool setLabelColors(PDseg& seg, const std::vector<int>& labelIds, unsigned int frame) {
+    const unsigned int paletteSize = seg.colorCode.extents.x;
+    for (int id : labelIds) {
+        if (id < 0 || static_cast<unsigned int>(id) >= paletteSize) {
+            std::cerr << "denseseg: label " << id << " of frame " << frame << " has no colour (labels 0 to "
+                      << paletteSize - 1 << "); frame skipped" << std::endl;
+            return false;
+        }
+    }
+    OwnedArray<float4, 1> palette(
+        narrow<float4, 1>(vela::mallocHostArray<float4>(make_uint4(paletteSize, 1, 1, 1), vela::LINEAR_LAYOUT)));
+    vela::arrayCopy(palette.a, seg.colorCode);
+    const unsigned int n = static_cast<unsigned int>(labelIds.size());
+    OwnedArray<float4, 1> table(
+        narrow<float4, 1>(vela::mallocHostArray<float4>(make_uint4(n, 1, 1, 1), vela::LINEAR_LAYOUT)));
+    for (unsigned int i = 0; i < n; ++i) table.a.data[i] = palette.a.data[labelIds[i]];
+    vela::freeArray(seg.labelColors);
+    seg.labelColors = narrow<float4, 1>(vela::mallocDeviceArray<float4>(make_uint4(n, 1, 1, 1), vela::PITCHED_LAYOUT));
+    vela::arrayCopy(seg.labelColors, table.a);
+    return true;
+}
+
+// The object leaves its colour tables to the end of the process; a run over
+// many frames releases them with each frame instead.  Released descriptors
+// are emptied, so a later release of the same table does nothing.
+struct ColourTablesOfFrame {
+    PDseg& seg;
+    ~ColourTablesOfFrame() {
+        vela::freeArray(seg.labelColors);
+        vela::freeArray(seg.colorCode);
+    }
+};
+
+void printUsage() {
+    std::cout << "usage:" << std::endl;
+    std::cout << "argument 1: filestructure" << std::endl;
+    std::cout << "argument 2: image_filename (relativ to data directory)" << std::endl;
+    std::cout << "argument 3: trackfile (relativ to tracks directory)" << std::endl;
+    std::cout << "argument 4: frame index (-1 process the whole folder with image_filename)" << std::endl;
+    std::cout << "argument 5: result directory (relative to result dir from filestructure)" << std::endl;
+}
+
+// The folder prefix of a directory key: its text and "/", nothing for "-".
+std::string folderPrefix(ConfigMap& config, const std::string& key) {
+    const std::string& text = config[key].text;
+    return text == "-" ? std::string() : text + "/";
+}
+
+bool makeResultFolder(const std::string& folder) {
+    std::error_code ec;
+    fs::create_directories(folder, ec);
+    if (ec || !fs::is_directory(folder, ec)) {
+        std::cerr << "denseseg: cannot create the result folder " << folder
+                  << (ec ? ": " + ec.message() : std::string()) << std::endl;
+        return false;
+    }
+    return true;
+}
+
+int singleFrame(const std::string& imagePath, const std::string& trackPath, unsigned int frame,
+                const std::string& outputStem, const std::vector<std::string>& inputs, int maxiter, float lambda) {
+    if (!outputsAreFree(outputStem, inputs)) return 1;
+    OwnedArray<float4, 2> host(loadColorImage(imagePath));
+    OwnedArray<float4, 2> image(narrow<float4, 2>(
+        vela::mallocDeviceArray<float4>(make_uint4(host.a.extents.x, host.a.extents.y, 1, 1), vela::PITCHED_LAYOUT)));
+    vela::arrayCopy(image.a, host.a);
+    processFrame(outputStem, image.a, trackPath, frame, maxiter, lambda);
+    return 0;
+}
+
+int wholeFolder(const std::string& imagePath, const std::string& trackPath, const std::string& resultFolder,
+                std::vector<std::string> inputs, int maxiter, float lambda) {
+    const std::vector<std::string> parts = utility::getDFE(imagePath);
+    // An image path without a folder lists the working directory.
+    const std::string pattern = (parts[0].empty() ? std::string() : parts[0] + "/") + "*." + parts[2];
+    const std::vector<std::string> files = utility::dir(pattern);
+    if (files.empty()) {
+        std::cerr << "denseseg: no image matches " << pattern << std::endl;
+        return 1;
+    }
+    inputs.insert(inputs.end(), files.begin(), files.end());
+    std::vector<std::string> stems;
+    for (const std::string& file : files) {
+        stems.push_back(resultFolder + utility::getDFE(file)[1]);
+        if (!outputsAreFree(stems.back(), inputs)) return 1;
+    }
+
+    OwnedArray<float4, 2> host(loadColorImage(files[0]));
+    const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
+    OwnedArray<float4, 2> image(
+        narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        if (i > 0) {
+            vela::freeArray(host.a);
+            host.a = loadColorImage(files[i]);
+            if (host.a.extents.x != size.x || host.a.extents.y != size.y) {
+                std::cerr << "denseseg: image " << files[i] << " is " << host.a.extents.x << " x " << host.a.extents.y
+                          << " pixels, but the first image of the folder, " << files[0] << ", is " << size.x << " x "
+                          << size.y << "; all images of a folder must have the same size" << std::endl;
+                return 1;
+            }
+        }
+        vela::arrayCopy(image.a, host.a);
+        processFrame(stems[i], image.a, trackPath, static_cast<unsigned int>(i), maxiter, lambda);
+    }
+    return exportTracks(resultFolder, trackPath, inputs);
+}
+
+int run(int argc, char** argv) {
+    if (argc < 6) {
+        // Four arguments lack the result directory: the usage text too.
+        printUsage();
+        return 0;
+    }
+    ConfigMap config = loadConfigINI(argv[1]);
+    const std::string dataPrefix = folderPrefix(config, "dataDir");
+    const std::string tracksPrefix = folderPrefix(config, "tracksDir");
+    const std::string resultPrefix = folderPrefix(config, "resultDir");
+
+    const std::string imagePath = dataPrefix + argv[2];
+    const std::string trackPath = tracksPrefix + argv[3];
+    const int frame = static_cast<std::int32_t>(std::strtol(argv[4], nullptr, 10));
+    const std::string resultFolder = resultPrefix + argv[5] + "/";
+    if (!makeResultFolder(resultFolder)) return 1;
+
+    const std::string stem = utility::getDFE(argv[2])[1];
+    const float lambda = config["lambda"].floatValue();
+    const int maxiter = config["maxiter"].intValue();
+    const std::vector<std::string> inputs = {argv[1], imagePath, trackPath};
+
+    if (frame >= 0)
+        return singleFrame(imagePath, trackPath, static_cast<unsigned int>(frame), resultFolder + stem, inputs, maxiter,
+                           lambda);
+    return wholeFolder(imagePath, trackPath, resultFolder, inputs, maxiter, lambda);
+}
+
+}  // namespace
+
+vela::Array<float4, 2> loadColorImage(const std::string& path) {
+    CTensor<float> tensor;
+    try {
+        tensor.readFromImage(path.c_str());
+    } catch (const std::exception& e) {
+        // Every message names the image.
+        const std::string what = e.what();
+        if (what.find(path) != std::string::npos) throw;
+        throw std::runtime_error("image " + path + ": " + what);
+    }
+    if (tensor.xSize < 1 || tensor.ySize < 1 || tensor.zSize != 3)
+        throw std::runtime_error("image " + path + " is not a colour image");
+    const vela::Array<float, 3> planes = vela::arrayFromHostMemory(tensor.data, static_cast<unsigned int>(tensor.xSize),
+                                                                   static_cast<unsigned int>(tensor.ySize), 3u);
+    vela::Array<float4, 2> image = narrow<float4, 2>(vela::mallocHostArray<float4>(
+        make_uint4(static_cast<unsigned int>(tensor.xSize), static_cast<unsigned int>(tensor.ySize), 1, 1),
+        vela::LINEAR_LAYOUT));
+    try {
+        vela::convert(image, planes, 1.0f, kDefaultStream);
+    } catch (...) {
+        vela::freeArray(image);
+        throw;
+    }
+    return image;
+}
+
+void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
+                  unsigned int frame, int maxiter, float lambda) {
+    const unsigned int w = image.extents.x, h = image.extents.y;
+    OwnedArray<float, 2> hostLabels(
+        narrow<float, 2>(vela::mallocHostArray<float>(make_uint4(w, h, 1, 1), vela::LINEAR_LAYOUT)));
+    OwnedArray<float, 2> labels(
+        narrow<float, 2>(vela::mallocDeviceArray<float>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
+    vela::Array<float, 4> labels4 = vela::internal::increaseArrayDimension(labels.a);
+    vela::set(labels4, -1.0f, kDefaultStream);
+    vela::arrayCopy(hostLabels.a, labels.a);
+
+    std::vector<int> labelIds;
+    const int numLabels =
+        readTrackFrame(trackPath, frame, static_cast<int>(w), static_cast<int>(h), hostLabels.a, labelIds);
+    if (numLabels < 1) return;
+    vela::arrayCopy(labels.a, hostLabels.a);
+
+    std::cout << "processing " << frame << "th frame: " << outputStem << std::endl;
+    std::cout << "number of different labels in this frame: " << numLabels << std::endl;
+
+    PDseg seg(image);
+    ColourTablesOfFrame colourTables{seg};
+    seg.model = PDseg::WEIGHTED_TV;
+    seg.labelsToCostMap(labels.a, numLabels);
+    if (!setLabelColors(seg, labelIds, frame)) return;
+    seg.lambda = lambda;
+    seg.nIterations = maxiter;
+
+    vela::timer::reset("PDseg::run()");
+    vela::timer::start("PDseg::runTotal()");
+    vela::timer::start("PDseg::run()");
+    seg.run();
+    vela::timer::stop("PDseg::run()");
+    vela::timer::stop("PDseg::runTotal()");
+    vela::timer::printToScreen("", 6, 0, true);
+
+    seg.computeColorRepresentation(seg.u, true, false);
+    saveRendering(seg.colorImage, outputStem + "_dense.ppm");
+    saveRendering(seg.getColorImageOverlay(0.4f), outputStem + "_overlay.ppm");
+}
+
+int exportTracks(const std::string& resultFolder, const std::string& trackPath,
+                 const std::vector<std::string>& inputs) {
+    const std::string outTrack = resultFolder + baseName(trackPath);
+    std::cout << "write track file: " << outTrack << std::endl;
+    if (isInputFile(outTrack, inputs)) {
+        std::cerr << "denseseg: the exported track file " << outTrack
+                  << " would replace an input file; choose another result directory" << std::endl;
+        return 1;
+    }
+    const std::vector<std::string> dense = utility::dir(resultFolder + "*dense*.ppm");
+
+    int width = 0, height = 0;
+    if (!dense.empty()) {
+        CTensor<float> first;
+        first.readFromPPM(dense[0].c_str());
+        width = first.xSize;
+        height = first.ySize;
+    }
+
+    const std::string partial = partialName(outTrack);
+    std::FILE* out = std::fopen(partial.c_str(), "wb");
+    if (out == nullptr) {
+        std::cerr << "denseseg: cannot write " << partial << std::endl;
+        return 1;
+    }
+    auto fail = [&](const std::string& message) {
+        std::fclose(out);
+        std::error_code ec;
+        fs::remove(partial, ec);
+        std::cerr << "denseseg: " << message << std::endl;
+        return 1;
+    };
+
+    const std::uint64_t pixels = static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height);
+    std::fprintf(out, "%zu\n%llu\n", dense.size(), static_cast<unsigned long long>(dense.size() * pixels));
+    // Colour codes numbered in the order of their first appearance over
+    // files, rows and columns.  The code uses base 255, so two colours can
+    // share one.
+    std::unordered_map<std::int32_t, int> codes;
+    try {
+        for (std::size_t f = 0; f < dense.size(); ++f) {
+            CTensor<float> result;
+            result.readFromPPM(dense[f].c_str());
+            if (result.xSize != width || result.ySize != height || result.zSize != 3)
+                return fail("dense result " + dense[f] + " is not a " + std::to_string(width) + " x " +
+                            std::to_string(height) + " colour image like " + dense[0] + "; track file not written");
+            const std::size_t plane = pixels;
+            for (int y = 0; y < height; ++y) {
+                for (int x = 0; x < width; ++x) {
+                    const std::size_t i = static_cast<std::size_t>(y) * width + x;
+                    const float r = result.data[i], g = result.data[plane + i], b = result.data[2 * plane + i];
+                    const float code = 255.0f * r * 255.0f + 255.0f * g + b;
+                    const auto inserted =
+                        codes.emplace(static_cast<std::int32_t>(code), static_cast<int>(codes.size()));
+                    std::fprintf(out, "%d 1\n%d %d %zu\n", inserted.first->second, x, y, f);
+                }
+            }
+        }
+    } catch (...) {
+        fail("the track file " + outTrack + " was not written");
+        throw;
+    }
+    if (std::ferror(out) != 0 || std::fclose(out) != 0) {
+        std::error_code ec;
+        fs::remove(partial, ec);
+        std::cerr << "denseseg: writing " << partial << " failed" << std::endl;
+        return 1;
+    }
+    renameIntoPlace(partial, outTrack);
+    return 0;
+}
+
+int denseseg(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        std::string message = e.what();
+        while (!message.empty() && message.back() == '\n') message.pop_back();
+        std::cerr << "denseseg: " << message << std::endl;
+    } catch (...) {
+        std::cerr << "denseseg: stopped by an unexpected error" << std::endl;
+    }
+    return 1;
+}

@@ -1,0 +1,3 @@
+#include "src/driver.h"
+
+int main(int argc, char** argv) { return denseseg(argc, argv); }
