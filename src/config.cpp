@@ -35,21 +35,21 @@ void keyvalue::setChar(char c) { number = (number & ~0xFFu) | static_cast<unsign
 
 namespace {
 
-[[noreturn]] void formatError(const std::string& path, const std::string& what) {
-    std::cerr << "configuration file " << path << ": " << what << std::endl;
-    std::cout << kConfigFormatMessage << std::endl;
-    std::exit(255);
+// Ends a failed parse with its message.
+bool fail(std::string& error, const std::string& path, const std::string& what) {
+    error = "configuration file " + path + ": " + what;
+    return false;
 }
 
 }  // namespace
 
-ConfigMap loadConfigINI(const std::string& path) {
+bool parseConfigINI(const std::string& path, ConfigMap& config, std::string& error) {
+    config.clear();
     std::error_code ec;
-    if (std::filesystem::is_directory(path, ec)) formatError(path, "is a folder");
+    if (std::filesystem::is_directory(path, ec)) return fail(error, path, "is a folder");
     std::ifstream in(path);
-    if (!in) formatError(path, "cannot be opened");
+    if (!in) return fail(error, path, "cannot be opened");
 
-    ConfigMap config;
     keyvalue scratch;
     int entries = 0;
     char type = 0;
@@ -61,7 +61,7 @@ ConfigMap loadConfigINI(const std::string& path) {
         ++entries;
         const std::string where = "entry " + std::to_string(entries);
         std::string key;
-        if (!(in >> key)) formatError(path, where + " has no key");
+        if (!(in >> key)) return fail(error, path, where + " has no key");
         scratch.type = type;
         scratch.key = key;
         bool ok = true;
@@ -91,15 +91,28 @@ ConfigMap loadConfigINI(const std::string& path) {
                 break;
             }
             default:
-                formatError(path, where + " (key \"" + key + "\") has the unknown type letter '" +
-                                      std::string(1, type) + "'");
+                return fail(
+                    error, path,
+                    where + " (key \"" + key + "\") has the unknown type letter '" + std::string(1, type) + "'");
         }
-        if (!ok) formatError(path, where + " (key \"" + key + "\") has no readable value of type '" +
-                                       std::string(1, type) + "'");
+        if (!ok)
+            return fail(error, path,
+                        where + " (key \"" + key + "\") has no readable value of type '" + std::string(1, type) + "'");
         config[key] = scratch;
     }
     // The loop ends when no type letter can be read: either the file is at
     // its end, or reading itself failed.
-    if (in.bad() || !in.eof()) formatError(path, "could not be read to its end");
+    if (in.bad() || !in.eof()) return fail(error, path, "could not be read to its end");
+    return true;
+}
+
+ConfigMap loadConfigINI(const std::string& path) {
+    ConfigMap config;
+    std::string error;
+    if (!parseConfigINI(path, config, error)) {
+        std::cerr << error << std::endl;
+        std::cout << kConfigFormatMessage << std::endl;
+        std::exit(255);
+    }
     return config;
 }

@@ -35,8 +35,13 @@ using ConfigMap = std::map<std::string, keyvalue>;
 // The line printed when a configuration file cannot be read.
 extern const char* const kConfigFormatMessage;
 
-// Reads the whole file.  An unknown type letter, a value that does not parse,
+// Reads the whole file into `config`.  False, with `error` saying what went
+// wrong and where, for an unknown type letter, a value that does not parse,
 // an entry cut short by the end of the file, or a file that cannot be opened
-// or read prints kConfigFormatMessage on standard output (and what went wrong
-// on standard error) and ends the process with exit status 255.
+// or read; `config` then holds the entries before the fault.
+bool parseConfigINI(const std::string& path, ConfigMap& config, std::string& error);
+
+// Reads the whole file.  Where parseConfigINI fails, prints its error on
+// standard error and kConfigFormatMessage on standard output, and ends the
+// process with exit status 255.
 ConfigMap loadConfigINI(const std::string& path);

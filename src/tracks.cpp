@@ -24,7 +24,7 @@ bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' ||
 // The whitespace-separated tokens of a track file, read as strict ints and
 // floats.
 class TrackTokens {
-   public:
+ public:
     explicit TrackTokens(const std::string& text) : text_(text) {}
 
     // Bytes not yet read.
@@ -74,7 +74,7 @@ class TrackTokens {
         return ok || fail(problem, "\"" + token + "\" is not a number");
     }
 
-   private:
+ private:
     static bool fail(std::string& problem, const std::string& what) {
         problem = what;
         return false;
@@ -83,8 +83,17 @@ class TrackTokens {
     std::size_t pos_ = 0;
 };
 
-int report(const std::string& path, unsigned int frame, const std::string& what) {
+// Reports a file that cannot be used for a frame.  The label image is left
+// unlabelled, as the frame is skipped.
+int report(const std::string& path, unsigned int frame, const std::string& what, vela::Array<float, 2>& labels,
+           std::vector<int>& labelIds) {
     std::cerr << "track file " << path << ": " << what << "; frame " << frame << " skipped" << std::endl;
+    char* base = reinterpret_cast<char*>(labels.data);
+    for (unsigned int y = 0; y < labels.extents.y; ++y) {
+        float* row = reinterpret_cast<float*>(base + static_cast<std::size_t>(y) * labels.strides.y);
+        std::fill(row, row + labels.extents.x, -1.0f);
+    }
+    labelIds.clear();
     return kNoTrackFrame;
 }
 
@@ -103,6 +112,8 @@ int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, ve
         throw std::runtime_error("readTrackFrame: the label image must be a host array of the frame's size");
     labelIds.clear();
 
+    auto fail = [&](const std::string& what) { return report(path, frame, what, labels, labelIds); };
+
     std::FILE* f = std::fopen(path.c_str(), "rb");
     if (f == nullptr) {
         std::cout << "File " << path << " not found." << std::endl;
@@ -112,51 +123,47 @@ int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, ve
     const bool readable = readWholeFile(f, text);
     const int readError = errno;
     std::fclose(f);
-    if (!readable) return report(path, frame, std::string("cannot be read: ") + std::strerror(readError));
+    if (!readable) return fail(std::string("cannot be read: ") + std::strerror(readError));
 
     TrackTokens in(text);
     std::string problem;
     const int signedFrame = static_cast<int>(frame);
 
     int frameCount = 0;
-    if (!in.readInt(frameCount, problem)) return report(path, frame, "frame count: " + problem);
+    if (!in.readInt(frameCount, problem)) return fail("frame count: " + problem);
     if (signedFrame >= frameCount) return kNoTrackFrame;
 
     int trackCount = 0;
-    if (!in.readInt(trackCount, problem)) return report(path, frame, "track count: " + problem);
+    if (!in.readInt(trackCount, problem)) return fail("track count: " + problem);
     // A track takes at least four bytes (" 0 0"), so no count the file cannot
     // hold sends the reader on a long walk.
     if (trackCount > 0 && static_cast<std::uint64_t>(trackCount) * 4 > in.remaining())
-        return report(path, frame,
-                      "track count " + std::to_string(trackCount) + " is more than the rest of the file can hold");
+        return fail("track count " + std::to_string(trackCount) + " is more than the rest of the file can hold");
 
     const float wf = static_cast<float>(w), hf = static_cast<float>(h);
     char* base = reinterpret_cast<char*>(labels.data);
     int largest = -1;
     for (int i = 0; i < trackCount; ++i) {
         int label = 0, pointCount = 0;
-        if (!in.readInt(label, problem)) return report(path, frame, place(i, trackCount) + ": label: " + problem);
-        if (!in.readInt(pointCount, problem))
-            return report(path, frame, place(i, trackCount) + ": point count: " + problem);
+        if (!in.readInt(label, problem)) return fail(place(i, trackCount) + ": label: " + problem);
+        if (!in.readInt(pointCount, problem)) return fail(place(i, trackCount) + ": point count: " + problem);
         // A point takes at least six bytes (" 1 1 0").
         if (pointCount > 0 && static_cast<std::uint64_t>(pointCount) * 6 > in.remaining())
-            return report(path, frame,
-                          place(i, trackCount) + ": point count " + std::to_string(pointCount) +
-                              " is more than the rest of the file can hold");
+            return fail(place(i, trackCount) + ": point count " + std::to_string(pointCount) +
+                        " is more than the rest of the file can hold");
         for (int j = 0; j < pointCount; ++j) {
             float x = 0.0f, y = 0.0f;
             int t = 0;
             if (!in.readFloat(x, problem) || !in.readFloat(y, problem) || !in.readInt(t, problem))
-                return report(path, frame, place(i, trackCount, j, pointCount) + ": " + problem);
+                return fail(place(i, trackCount, j, pointCount) + ": " + problem);
             if (t != signedFrame) continue;
             if (!(x < wf && y < hf)) continue;
             if (!(x > 0.0f && y > 0.0f)) continue;  // row and column 0 are rejected on purpose
             const int column = static_cast<int>(x), row = static_cast<int>(y);
             if (column >= w || row >= h) continue;  // only for sizes a float cannot hold exactly
             if (label < 0 || label >= kTrackLabelLimit)
-                return report(path, frame,
-                              place(i, trackCount, j, pointCount) + ": label " + std::to_string(label) +
-                                  " is outside 0 to " + std::to_string(kTrackLabelLimit - 1));
+                return fail(place(i, trackCount, j, pointCount) + ": label " + std::to_string(label) +
+                            " is outside 0 to " + std::to_string(kTrackLabelLimit - 1));
 
             const auto found = std::find(labelIds.begin(), labelIds.end(), label);
             const int k = static_cast<int>(found - labelIds.begin());

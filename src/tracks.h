@@ -38,6 +38,7 @@ constexpr int kNoTrackFrame = -1;
 //     message, nothing further is read;
 //   - the file is malformed or ends early, or an accepted point carries a
 //     label outside 0 to kTrackLabelLimit - 1: one line on standard error
-//     naming the file and where reading stopped.
+//     naming the file and where reading stopped; `labels` is left all -1 and
+//     `labelIds` empty.
 int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, vela::Array<float, 2>& labels,
                    std::vector<int>& labelIds);

@@ -35,7 +35,7 @@ constexpr double kDefaultLambda = 50.0;
 
 // splitmix64: small, fast and the same everywhere.
 class Random {
-   public:
+ public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
     std::uint64_t next() {
         std::uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
@@ -47,13 +47,13 @@ class Random {
     double uniform() { return static_cast<double>(next() >> 11) * (1.0 / 9007199254740992.0); }
     int below(int n) { return static_cast<int>(next() % static_cast<std::uint64_t>(n)); }
 
-   private:
+ private:
     std::uint64_t state_;
 };
 
 // Smooth value noise over a lattice of random values, in [0, 1].
 class ValueNoise {
-   public:
+ public:
     ValueNoise(Random& random, int cells) : cells_(cells), values_((cells + 1) * (cells + 1)) {
         for (double& v : values_) v = random.uniform();
     }
@@ -66,7 +66,7 @@ class ValueNoise {
         return (a * (1 - fx) + b * fx) * (1 - fy) + (c * (1 - fx) + d * fx) * fy;
     }
 
-   private:
+ private:
     static double clamp01(double t) { return t < 0 ? 0 : t > 1 ? 1 : t; }
     static double smooth(double t) { return t * t * (3 - 2 * t); }
     double value(int i, int j) const { return values_[j * (cells_ + 1) + i]; }
@@ -87,11 +87,11 @@ enum Shape { DISC, BOX, ELLIPSE };
 // One moving object: a shape around its centre, moving at constant speed.
 struct Object {
     Shape shape;
-    double rx, ry;        // half width and half height
-    double x0, y0;        // centre in frame 0
-    double vx, vy;        // pixels per frame
-    int label;            // track label (a palette index)
-    int truth;            // grey value in the ground truth
+    double rx, ry;  // half width and half height
+    double x0, y0;  // centre in frame 0
+    double vx, vy;  // pixels per frame
+    int label;      // track label (a palette index)
+    int truth;      // grey value in the ground truth
 
     double cx(int t) const { return x0 + vx * t; }
     double cy(int t) const { return y0 + vy * t; }
@@ -99,8 +99,10 @@ struct Object {
     bool contains(double u, double v) const {
         switch (shape) {
             case DISC:
-            case ELLIPSE: return (u * u) / (rx * rx) + (v * v) / (ry * ry) <= 1.0;
-            case BOX: return std::fabs(u) <= rx && std::fabs(v) <= ry;
+            case ELLIPSE:
+                return (u * u) / (rx * rx) + (v * v) / (ry * ry) <= 1.0;
+            case BOX:
+                return std::fabs(u) <= rx && std::fabs(v) <= ry;
         }
         return false;
     }
@@ -116,7 +118,7 @@ constexpr int kObjectCount = 3;
 constexpr int kBackgroundLabel = 0;  // red
 
 class Scene {
-   public:
+ public:
     explicit Scene(Random& random) : coarse_(random, 6), fine_(random, 24), skin_(random, 8) {}
 
     // Object at pixel (x, y) of frame t: 1 to kObjectCount, front-most wins; 0 for the background.
@@ -139,8 +141,9 @@ class Scene {
                 return mix(Colour{30, 60, 150}, Colour{90, 130, 210}, ring);
             }
             case BOX: {  // checkerboard
-                const bool dark = ((static_cast<int>(std::floor((u + 100) / 10)) +
-                                    static_cast<int>(std::floor((v + 100) / 10))) & 1) != 0;
+                const bool dark =
+                    ((static_cast<int>(std::floor((u + 100) / 10)) + static_cast<int>(std::floor((v + 100) / 10))) &
+                     1) != 0;
                 return dark ? Colour{160, 120, 30} : Colour{215, 180, 60};
             }
             case ELLIPSE: {  // mottled
@@ -151,7 +154,7 @@ class Scene {
         return background(px, py);
     }
 
-   private:
+ private:
     Colour background(double x, double y) const {
         const double a = coarse_.at(x / kWidth, y / kHeight), b = fine_.at(x / kWidth, y / kHeight);
         const Colour base = mix(Colour{70, 95, 60}, Colour{150, 150, 115}, a);

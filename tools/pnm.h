@@ -12,15 +12,13 @@ namespace demo {
 struct Image {
     int width = 0;
     int height = 0;
-    int channels = 0;                 // 3 for PPM, 1 for PGM
+    int channels = 0;                  // 3 for PPM, 1 for PGM
     std::vector<std::uint8_t> pixels;  // row-major, channels interleaved
 
     Image() = default;
     Image(int w, int h, int c) : width(w), height(h), channels(c), pixels(static_cast<std::size_t>(w) * h * c) {}
     std::uint8_t* at(int x, int y) { return &pixels[(static_cast<std::size_t>(y) * width + x) * channels]; }
-    const std::uint8_t* at(int x, int y) const {
-        return &pixels[(static_cast<std::size_t>(y) * width + x) * channels];
-    }
+    const std::uint8_t* at(int x, int y) const { return &pixels[(static_cast<std::size_t>(y) * width + x) * channels]; }
 };
 
 // Reads a P5 or P6 file with a maximum value of 255 at most; throws

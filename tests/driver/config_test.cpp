@@ -1,10 +1,10 @@
-#include <gtest/gtest.h>
+#include "src/config.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 
-#include "src/config.h"
 #include "tests/driver/test_files.h"
 
 namespace {
@@ -64,6 +64,16 @@ TEST(Config, OnlyCommentsGiveNoKeysAndAbsentKeysReadAsZero) {
     EXPECT_EQ(config["dataDir"].text, "");
 }
 
+TEST(Config, ParsingReportsTheFaultWithoutEndingTheProcess) {
+    ScratchFolder folder("config");
+    ConfigMap config;
+    std::string error;
+    EXPECT_FALSE(parseConfigINI(folder.write("cfg", "s dataDir x\ni maxiter ten\n"), config, error));
+    EXPECT_EQ(error, "configuration file " + (folder / "cfg") +
+                         ": entry 2 (key \"maxiter\") has no readable value of type 'i'");
+    EXPECT_EQ(config.size(), 1u);
+}
+
 // The format line goes to standard output; the death test watches standard
 // error, so the child sends both there.
 void loadWithStdoutOnStderr(const std::string& path) {
@@ -75,7 +85,7 @@ void loadWithStdoutOnStderr(const std::string& path) {
 const char* const kFormatLine = "Input Format- <i\\|f\\|c\\|s> <key> <value>, use # for comments";
 
 class ConfigDeath : public testing::Test {
-   protected:
+ protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
     ScratchFolder folder{"config-death"};
 };

@@ -1,6 +1,7 @@
-#include <gtest/gtest.h>
+#include "src/driver.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "src/driver.h"
 #include "tests/driver/test_files.h"
 
 namespace {
@@ -231,18 +231,20 @@ std::string points(int x0, int x1, int t, int& count) {
 // Three frames: label 5 marks the left and label 7 the right half in frames
 // 0 and 1, met in the opposite order in frame 1; frame 2 has no points.
 class Sequence : public testing::Test {
-   protected:
+ protected:
     void SetUp() override {
         for (const char* name : {"data/f0.ppm", "data/f1.ppm", "data/f2.ppm"}) folder.write(name, halves());
         folder.write("data/notes.txt", "not a frame");
         int nl0, nr0, nr1, nl1;
         const std::string l0 = points(1, 9, 0, nl0), r0 = points(14, 22, 0, nr0), r1 = points(14, 22, 1, nr1),
                           l1 = points(1, 9, 1, nl1);
-        folder.write("tracks/t.dat", "3 3\n"
-                                     "5 " + std::to_string(nl0) + "\n" + l0 +
-                                     "7 " + std::to_string(nr0 + nr1) + "\n" + r0 + r1 +
-                                     "5 " + std::to_string(nl1) + "\n" + l1);
-        folder.write("cfg", "s dataDir data\ns tracksDir tracks\ns resultDir out # results\nf lambda 5\ni maxiter 200\n");
+        folder.write("tracks/t.dat",
+                     "3 3\n"
+                     "5 " +
+                         std::to_string(nl0) + "\n" + l0 + "7 " + std::to_string(nr0 + nr1) + "\n" + r0 + r1 + "5 " +
+                         std::to_string(nl1) + "\n" + l1);
+        folder.write("cfg",
+                     "s dataDir data\ns tracksDir tracks\ns resultDir out # results\nf lambda 5\ni maxiter 200\n");
     }
 
     void expectHalves(const std::string& path) {
@@ -305,7 +307,7 @@ TEST_F(Sequence, WholeFolderSegmentsEveryFrameAndExportsTheTracks) {
         for (int y = 0; y < kH; ++y)
             for (int x = 0; x < kW; ++x)
                 tracks += std::string((f == 0 ? f0 : f1).at(x, y) == kColour5 ? "0" : "1") + " 1\n" +
-                            std::to_string(x) + " " + std::to_string(y) + " " + std::to_string(f) + "\n";
+                          std::to_string(x) + " " + std::to_string(y) + " " + std::to_string(f) + "\n";
     EXPECT_EQ(readFile(results + "t.dat"), tracks);
 }
 

@@ -11,7 +11,7 @@ namespace driver_test {
 
 // A fresh folder under the system's temporary folder, removed with the object.
 class ScratchFolder {
-   public:
+ public:
     explicit ScratchFolder(const std::string& name) {
         path_ = std::filesystem::temp_directory_path() /
                 ("denseseg-" + name + "-" + std::to_string(::getpid()) + "-" + std::to_string(counter()++));
@@ -37,7 +37,7 @@ class ScratchFolder {
         return p.string();
     }
 
-   private:
+ private:
     static int& counter() {
         static int n = 0;
         return n;

@@ -1,12 +1,12 @@
-#include <gtest/gtest.h>
+#include "src/utility.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "src/utility.h"
 #include "tests/driver/test_files.h"
 
 namespace {
@@ -31,10 +31,10 @@ TEST(FileNames, ANameWithoutADotIsItsOwnExtension) {
 }
 
 class Listing : public testing::Test {
-   protected:
+ protected:
     void SetUp() override {
-        for (const char* name : {"b.ppm", "a.ppm", "a10.ppm", "a2.ppm", "B.ppm", ".hidden.ppm", "x.pgm", "c d.ppm",
-                                 "[x].ppm"})
+        for (const char* name :
+             {"b.ppm", "a.ppm", "a10.ppm", "a2.ppm", "B.ppm", ".hidden.ppm", "x.pgm", "c d.ppm", "[x].ppm"})
             folder.write(name, "x");
         std::filesystem::create_directories(folder / "sub.ppm");
     }
@@ -45,9 +45,8 @@ class Listing : public testing::Test {
 
 TEST_F(Listing, ListsMatchingFilesInByteOrderWithTheFolderInFront) {
     const std::string p = prefix();
-    EXPECT_EQ(listed("*.ppm"),
-              Parts({p + "B.ppm", p + "[x].ppm", p + "a.ppm", p + "a10.ppm", p + "a2.ppm", p + "b.ppm",
-                     p + "c d.ppm"}));
+    EXPECT_EQ(listed("*.ppm"), Parts({p + "B.ppm", p + "[x].ppm", p + "a.ppm", p + "a10.ppm", p + "a2.ppm", p + "b.ppm",
+                                      p + "c d.ppm"}));
     // The frame loop's pattern has a doubled "/", which stays in the names.
     EXPECT_EQ(utility::dir(p + "/*.pgm"), Parts({p + "/x.pgm"}));
     EXPECT_EQ(listed(".*"), Parts({p + ".hidden.ppm"}));
