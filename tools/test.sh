@@ -4,8 +4,10 @@
 #      the CUDA toolkit is present, and its tests (on the GPU if there is one,
 #      otherwise on the host backend);
 #   2. the same tests once more on the host backend under AddressSanitizer and
-#      UndefinedBehaviorSanitizer.
-# Pass --quick to skip step 2.
+#      UndefinedBehaviorSanitizer;
+#   3. a short run of every file reader's fuzz target (VELA_FUZZ_SECONDS each,
+#      default 60), which fails on any crash, leak or sanitizer report.
+# Pass --quick to skip steps 2 and 3.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
@@ -29,3 +31,6 @@ echo "== host backend under AddressSanitizer and UndefinedBehaviorSanitizer"
 cmake --preset sanitize >/dev/null
 cmake --build --preset sanitize -j "$(vela_jobs)"
 ctest --preset sanitize -j "$(vela_jobs)"
+
+echo "== fuzz every file reader for ${VELA_FUZZ_SECONDS:-60} s"
+tools/fuzz.sh "${VELA_FUZZ_SECONDS:-60}"
