@@ -42,7 +42,9 @@ struct DualRun {
         return q;
     }
     void loadP(int l, P& px, P& py) const { loadPairs(&vela::at(p, x, y, static_cast<unsigned int>(l)), px, py); }
-    void storeP(int l, P px, P py) const { storePairs(&vela::at(p, x, y, static_cast<unsigned int>(l)), px, py); }
+    void storeP(int l, const P& px, const P& py) const {
+        storePairs(&vela::at(p, x, y, static_cast<unsigned int>(l)), px, py);
+    }
 };
 
 template <class P>
@@ -117,13 +119,20 @@ struct PrimalSweep {
 };
 
 // One row: the first and the last pixels one by one, the interior in packs of
-// Wide lanes, then of Narrow lanes.
-template <class Wide, class Narrow, class Sweep>
+// Wide lanes, then at most one of Half and one of Quarter lanes.
+template <class Wide, class Half, class Quarter, class Sweep>
 inline void sweepRow(const Sweep& s, unsigned int y, unsigned int W) {
     s.pixel(0, y);
     unsigned int x = 1;
     for (; x + Wide::lanes < W; x += Wide::lanes) s.template pack<Wide>(x, y);
-    for (; x + Narrow::lanes < W; x += Narrow::lanes) s.template pack<Narrow>(x, y);
+    if (x + Half::lanes < W) {
+        s.template pack<Half>(x, y);
+        x += Half::lanes;
+    }
+    if (x + Quarter::lanes < W) {
+        s.template pack<Quarter>(x, y);
+        x += Quarter::lanes;
+    }
     for (; x < W; ++x) s.pixel(x, y);
 }
 
@@ -131,7 +140,7 @@ inline void sweepRow(const Sweep& s, unsigned int y, unsigned int W) {
 // is inlined into it, so that it is all compiled for the same target.
 template <class Sweep>
 __attribute__((flatten)) void sweepRowBaseline(const Sweep& s, unsigned int y, unsigned int W) {
-    sweepRow<Pack<8, 4>, Pack<4, 4>>(s, y, W);
+    sweepRow<Pack<16, 4>, Pack<8, 4>, Pack<4, 4>>(s, y, W);
 }
 
 #if defined(__x86_64__)
@@ -140,7 +149,7 @@ __attribute__((flatten)) void sweepRowBaseline(const Sweep& s, unsigned int y, u
 // inlined whole, so no AVX code escapes into functions other callers share.
 template <class Sweep>
 __attribute__((target("avx2"), flatten)) void sweepRowAvx2(const Sweep& s, unsigned int y, unsigned int W) {
-    sweepRow<Pack<16, 8>, Pack<8, 8>>(s, y, W);
+    sweepRow<Pack<16, 8>, Pack<8, 8>, Pack<4, 4>>(s, y, W);
 }
 
 bool hostHasAvx2() {

@@ -22,7 +22,7 @@ VELA_HD inline float lanesSqrt(float a) { return sqrtf(a); }
 // max(1, a), returning 1 for a NaN as fmaxf does: a vanishing edge weight
 // (|q| / g = 0 / 0) must not poison the dual field.
 template <class V>
-VELA_HD inline V maxOne(V a) {
+VELA_HD inline V maxOne(const V& a) {
     return select(a > V(1.0f), a, V(1.0f));
 }
 

@@ -10,24 +10,24 @@
 #pragma once
 
 #include <cmath>
-#include <cstring>
 
 #include "src/PDseg_solver_lanes.h"
-
-// The functions here are inline and never cross a translation unit, so GCC's
-// note that 32-byte vectors are passed differently with and without AVX does
-// not concern them.
-#pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace seg {
 
 namespace detail {
 template <int Width>
 struct VectorOf;
+// Vec is the register type; Unaligned the same vector at any float's address,
+// for loads and stores.  Typed accesses (rather than byte copies) tell the
+// compiler that storing pixels cannot change the array descriptors, so their
+// fields stay in registers.
 template <>
 struct VectorOf<4> {
     typedef float Vec __attribute__((vector_size(16)));
+    typedef float Unaligned __attribute__((vector_size(16), aligned(4)));
     typedef int Mask __attribute__((vector_size(16)));
+    typedef long long Words __attribute__((vector_size(16)));
     // Even and odd elements of two vectors, and the interleaving back.
     static constexpr Mask kEven{0, 2, 4, 6}, kOdd{1, 3, 5, 7};
     static constexpr Mask kLowPairs{0, 4, 1, 5}, kHighPairs{2, 6, 3, 7};
@@ -35,7 +35,9 @@ struct VectorOf<4> {
 template <>
 struct VectorOf<8> {
     typedef float Vec __attribute__((vector_size(32)));
+    typedef float Unaligned __attribute__((vector_size(32), aligned(4)));
     typedef int Mask __attribute__((vector_size(32)));
+    typedef long long Words __attribute__((vector_size(32)));
     static constexpr Mask kEven{0, 2, 4, 6, 8, 10, 12, 14}, kOdd{1, 3, 5, 7, 9, 11, 13, 15};
     static constexpr Mask kLowPairs{0, 8, 1, 9, 2, 10, 3, 11}, kHighPairs{4, 12, 5, 13, 6, 14, 7, 15};
 };
@@ -47,20 +49,27 @@ struct PackMask {
     typedef detail::VectorOf<Width> Of;
     typename Of::Mask part[N / Width];
 
+    // Lanes are folded into 64-bit words: a few vector instructions rather
+    // than one move per lane.
     friend bool allLanes(const PackMask& a) {
         typename Of::Mask all = a.part[0];
         for (int i = 1; i < N / Width; ++i) all &= a.part[i];
-        int lanes = -1;
-        for (int k = 0; k < Width; ++k) lanes &= all[k];
-        return lanes != 0;
+        const Words w = reinterpret_cast<Words>(all);
+        long long folded = w[0];
+        for (int k = 1; k < Width / 2; ++k) folded &= w[k];
+        return folded == -1;
     }
     friend bool noLanes(const PackMask& a) {
         typename Of::Mask any = a.part[0];
         for (int i = 1; i < N / Width; ++i) any |= a.part[i];
-        int lanes = 0;
-        for (int k = 0; k < Width; ++k) lanes |= any[k];
-        return lanes == 0;
+        const Words w = reinterpret_cast<Words>(any);
+        long long folded = w[0];
+        for (int k = 1; k < Width / 2; ++k) folded |= w[k];
+        return folded == 0;
     }
+
+ private:
+    typedef typename Of::Words Words;
 };
 
 template <int N, int Width = 4>
@@ -80,10 +89,14 @@ struct Pack {
 
     static Pack load(const float* p) {
         Pack r;
-        std::memcpy(r.part, p, sizeof(r.part));
+        for (int i = 0; i < kParts; ++i) r.part[i] = loadVec(p + Width * i);
         return r;
     }
-    void store(float* p) const { std::memcpy(p, part, sizeof(part)); }
+    void store(float* p) const {
+        for (int i = 0; i < kParts; ++i) storeVec(p + Width * i, part[i]);
+    }
+    static Vec loadVec(const float* p) { return *reinterpret_cast<const typename Of::Unaligned*>(p); }
+    static void storeVec(float* p, Vec v) { *reinterpret_cast<typename Of::Unaligned*>(p) = v; }
     float lane(int i) const { return part[i / Width][i % Width]; }
     void setLane(int i, float value) { part[i / Width][i % Width] = value; }
 
@@ -130,9 +143,8 @@ inline void loadPairs(const float2* pairs, Pack<N, Width>& x, Pack<N, Width>& y)
     typedef detail::VectorOf<Width> Of;
     const float* p = reinterpret_cast<const float*>(pairs);
     for (int i = 0; i < N / Width; ++i) {
-        typename Of::Vec lo, hi;
-        std::memcpy(&lo, p + 2 * Width * i, sizeof lo);
-        std::memcpy(&hi, p + 2 * Width * i + Width, sizeof hi);
+        const typename Of::Vec lo = Pack<N, Width>::loadVec(p + 2 * Width * i);
+        const typename Of::Vec hi = Pack<N, Width>::loadVec(p + 2 * Width * i + Width);
         x.part[i] = __builtin_shuffle(lo, hi, Of::kEven);
         y.part[i] = __builtin_shuffle(lo, hi, Of::kOdd);
     }
@@ -145,20 +157,25 @@ inline void storePairs(float2* pairs, const Pack<N, Width>& x, const Pack<N, Wid
     for (int i = 0; i < N / Width; ++i) {
         const typename Of::Vec lo = __builtin_shuffle(x.part[i], y.part[i], Of::kLowPairs);
         const typename Of::Vec hi = __builtin_shuffle(x.part[i], y.part[i], Of::kHighPairs);
-        std::memcpy(p + 2 * Width * i, &lo, sizeof lo);
-        std::memcpy(p + 2 * Width * i + Width, &hi, sizeof hi);
+        Pack<N, Width>::storeVec(p + 2 * Width * i, lo);
+        Pack<N, Width>::storeVec(p + 2 * Width * i + Width, hi);
     }
 }
 
 // Reads N consecutive float4 values as four packs of their components.
 template <int N, int Width>
 inline void loadQuads(const float4* p, Pack<N, Width>& a, Pack<N, Width>& b, Pack<N, Width>& c, Pack<N, Width>& d) {
+    float lanes[4][N];
     for (int i = 0; i < N; ++i) {
-        a.setLane(i, p[i].x);
-        b.setLane(i, p[i].y);
-        c.setLane(i, p[i].z);
-        d.setLane(i, p[i].w);
+        lanes[0][i] = p[i].x;
+        lanes[1][i] = p[i].y;
+        lanes[2][i] = p[i].z;
+        lanes[3][i] = p[i].w;
     }
+    a = Pack<N, Width>::load(lanes[0]);
+    b = Pack<N, Width>::load(lanes[1]);
+    c = Pack<N, Width>::load(lanes[2]);
+    d = Pack<N, Width>::load(lanes[3]);
 }
 
 }  // namespace seg

@@ -113,7 +113,7 @@ VELA_HD inline void primalStep(const Access& at, float tau, float lambda, int L,
 
 // The over-relaxed primal 2 w - uold.
 template <class V>
-VELA_HD inline V overRelaxed(V w, V uold) {
+VELA_HD inline V overRelaxed(const V& w, const V& uold) {
     return V(2.0f) * w - uold;
 }
 
