@@ -102,20 +102,6 @@ TEST(EdgeWeights, ConstantImageIsFlatEverywhere) {
     for (const uchar4& c : picture.data) ASSERT_TRUE(c.x == 0 && c.y == 0 && c.z == 0 && c.w == 255);
 }
 
-TEST(EdgeWeights, ChannelDifferencesAddUpUnsquared) {
-    // A vertical edge in red only, green and blue constant.
-    Grid<float4> image(6, 2);
-    for (unsigned int y = 0; y < 2; ++y)
-        for (unsigned int x = 0; x < 6; ++x) image(x, y) = make_float4(x < 3 ? 0.0f : 0.75f, 0.5f, 0.25f, 0);
-    DeviceArray<float4, 2> dimage(toDevice2(image));
-    const auto gradient = computed<float2>(6, 2, [&](auto& a) { seg::imageGradient(a, dimage.a); });
-    for (unsigned int y = 0; y < 2; ++y)
-        for (unsigned int x = 0; x < 6; ++x) {
-            EXPECT_EQ(gradient(x, y).x, x == 2 ? 0.75f : 0.0f) << x;
-            EXPECT_EQ(gradient(x, y).y, 0.0f) << x;
-        }
-}
-
 // Each gradient coloured alone with factor 1.
 std::vector<uchar4> wheel(const std::vector<float2>& gradients, float factor = 1.0f) {
     Grid<float2> g(static_cast<unsigned int>(gradients.size()), 1);

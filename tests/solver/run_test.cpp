@@ -77,47 +77,19 @@ TEST_P(EveryModel, FollowsTheReferenceForAFewIterations) {
     expectHard(got.hard);
 }
 
-TEST_P(EveryModel, RunsNoIterationForZeroOrNegativeCounts) {
+// No iteration leaves u = 1/L, and label 0 wins the tie; one label is all.
+TEST_P(EveryModel, ZeroOrNegativeIterationsAndASingleLabel) {
     ScratchDir scratch;
     const Problem pr = randomProblem(5, 3, 4);
     for (int iterations : {0, -3}) {
         const Solved got = solve(pr, GetParam(), iterations);
         for (float v : got.relaxed.data) ASSERT_EQ(v, 0.25f);
-        for (unsigned int i = 0; i < 15; ++i) ASSERT_EQ(got.hard.data[i], 1.0f) << "label 0 wins the four-way tie";
+        for (unsigned int i = 0; i < 15; ++i) ASSERT_EQ(got.hard.data[i], 1.0f);
         expectHard(got.hard);
     }
-}
-
-TEST_P(EveryModel, OneLabelIsEverywhere) {
-    ScratchDir scratch;
-    const Solved got = solve(randomProblem(33, 3, 1), GetParam(), 3);
-    for (float v : got.relaxed.data) ASSERT_NEAR(v, 1.0f, 1e-6f);
-    for (float v : got.hard.data) ASSERT_EQ(v, 1.0f);
-}
-
-// A dark left half and a bright right half, labelled only in their centres:
-// the edge-weighted models put the boundary on the image edge.  (The tensor
-// models measure the label gradient along image structure, which a flat region
-// lacks, and leave the boundary open.)
-TEST(Run, EdgeWeightedModelsFindTwoRegionsLabelledAtTheirCentres) {
-    const unsigned int w = 24, h = 10;
-    Problem pr{Grid<float4>(w, h), Grid<float>(w, h, 2, 0.0f)};
-    for (unsigned int y = 0; y < h; ++y)
-        for (unsigned int x = 0; x < w; ++x)
-            pr.image(x, y) = x < w / 2 ? make_float4(40, 60, 50, 255) : make_float4(220, 200, 210, 255);
-    for (unsigned int y = 4; y < 6; ++y)
-        for (unsigned int x : {5u, 6u, 17u, 18u}) {
-            const unsigned int label = x < w / 2 ? 0 : 1;
-            pr.cost(x, y, label) = 0.0f;
-            pr.cost(x, y, 1 - label) = 1.0f;
-        }
-    for (int model : {1, 2}) {
-        const Solved got = solve(pr, model, 400);
-        int wrong = 0;
-        for (unsigned int y = 0; y < h; ++y)
-            for (unsigned int x = 0; x < w; ++x) wrong += got.hard(x, y, x < w / 2 ? 0 : 1) != 1.0f;
-        EXPECT_EQ(wrong, 0) << "model " << model;
-    }
+    const Solved one = solve(randomProblem(33, 3, 1), GetParam(), 3);
+    for (float v : one.relaxed.data) ASSERT_NEAR(v, 1.0f, 1e-6f);
+    for (float v : one.hard.data) ASSERT_EQ(v, 1.0f);
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, EveryModel, ::testing::Values(0, 1, 2, 3, 4));
@@ -136,9 +108,7 @@ TEST(Run, ExponentialAndUnknownDiffusivities) {
     const Solved exp = solve(pr, 1, 3, 1, 2.0f);
     EXPECT_TRUE(near(exp.relaxed, refSolve(pr.image, pr.cost, 1, 3, 10.0f, 1, 2.0f), {1e-4f, 1e-3f}));
     // No such diffusivity: the weights are plain 1 rather than undefined.
-    const Solved unknown = solve(pr, 1, 3, 7);
-    for (float v : unknown.g.data) ASSERT_EQ(v, 1.0f);
-    EXPECT_TRUE(near(unknown.relaxed, refSolve(pr.image, pr.cost, 1, 3, 10.0f, 7, 0.5f), {1e-4f, 1e-3f}));
+    for (float v : solve(pr, 1, 3, 7).g.data) ASSERT_EQ(v, 1.0f);
 }
 
 TEST(Run, ManyLabelsWorkAndTooManyAreRefused) {

@@ -51,20 +51,23 @@ struct DeviceArray {
     ~DeviceArray() { vela::freeArray(a); }
 };
 
+// A pitched device copy of a grid, 2-D (N = 2, one layer) or 3-D.
+template <int N, class T>
+vela::Array<T, N> toDevice(const Grid<T>& g) {
+    auto d = vela::mallocDeviceArray<T>(make_uint4(g.W, g.H, g.L, 1), vela::PITCHED_LAYOUT);
+    Grid<T> copy = g;
+    auto src =
+        vela::internal::increaseArrayDimension(vela::arrayFromHostMemory(copy.data.data(), make_uint3(g.W, g.H, g.L)));
+    vela::arrayCopy(d, src);
+    return vela::internal::decreaseArrayDimension<T, 4, N>(d);
+}
 template <class T>
 vela::Array<T, 3> toDevice3(const Grid<T>& g) {
-    vela::Array<T, 3> d = seg::deviceArray3D<T>(g.W, g.H, g.L);
-    Grid<T> copy = g;
-    vela::arrayCopy(d, vela::arrayFromHostMemory(copy.data.data(), make_uint3(g.W, g.H, g.L)));
-    return d;
+    return toDevice<3>(g);
 }
-
 template <class T>
 vela::Array<T, 2> toDevice2(const Grid<T>& g) {
-    vela::Array<T, 2> d = seg::deviceArray2D<T>(g.W, g.H);
-    Grid<T> copy = g;
-    vela::arrayCopy(d, vela::arrayFromHostMemory(copy.data.data(), make_uint2(g.W, g.H)));
-    return d;
+    return toDevice<2>(g);
 }
 
 template <class T, int N>
