@@ -343,10 +343,11 @@ constexpr int kLineAfterBinarize = 1271;
 // 1/255 in every component: the image in [0, 1].
 constexpr float kByteScale = 0.0039215689f;
 
+// Arrays of run() must cover the same pixels (and, for label arrays, labels).
 template <class A, class B>
-void requireSameSize(const char* what, const A& a, const B& b, int dims) {
+void requireSameSize(const char* what, const A& a, const B& b) {
     bool same = a.extents.x == b.extents.x && a.extents.y == b.extents.y;
-    if (dims == 3) same = same && vela::internal::component(a.extents, 2) == vela::internal::component(b.extents, 2);
+    if constexpr (A::dimensions == 3 && B::dimensions == 3) same = same && a.extents.z == b.extents.z;
     if (!same) throw std::runtime_error(std::string("PDseg::run(): ") + what + " differ in size");
 }
 
@@ -376,9 +377,9 @@ void PDseg::run() {
     const unsigned int W = u.extents.x, H = u.extents.y;
     const int L = static_cast<int>(u.extents.z);
     seg::checkLabelCount(L, seg::kMaxLabels, "the solver");
-    requireSameSize("cost map and labelling", costMap, u, 3);
-    requireSameSize("relaxed and hard labelling", uResult, u, 3);
-    requireSameSize("image and labelling", image, u, 2);
+    requireSameSize("cost map and labelling", costMap, u);
+    requireSameSize("relaxed and hard labelling", uResult, u);
+    requireSameSize("image and labelling", image, u);
 
     // Working arrays; released on every way out.
     seg::ScopedArray<float4, 2> scaled(seg::deviceArray2D<float4>(W, H));

@@ -105,7 +105,7 @@ struct Frame {
 };
 
 // Seconds per byte moved (read + written) by a plain copy between two buffers
-// of `bytes` each: the best of a few runs.
+// of `bytes` each: the best of 20 runs, so that a busy machine disturbs it least.
 double copySecondsPerByte(std::size_t bytes) {
     double best = 1e30;
     if (vela::device::usesCuda()) {
@@ -113,7 +113,7 @@ double copySecondsPerByte(std::size_t bytes) {
         auto a = vela::mallocDeviceArray<float>(make_uint4(n, 1, 1, 1), vela::LINEAR_LAYOUT);
         auto b = vela::mallocDeviceArray<float>(make_uint4(n, 1, 1, 1), vela::LINEAR_LAYOUT);
         vela::set(a, 0.0f);
-        for (int run = 0; run < 8; ++run) {
+        for (int run = 0; run < 20; ++run) {
             const auto start = Clock::now();
             vela::arrayCopy(b, a);
             vela::device::synchronize();
@@ -123,7 +123,7 @@ double copySecondsPerByte(std::size_t bytes) {
         vela::freeArray(b);
     } else {
         std::vector<char> a(bytes, 1), b(bytes, 0);
-        for (int run = 0; run < 8; ++run) {
+        for (int run = 0; run < 20; ++run) {
             const auto start = Clock::now();
 #pragma omp parallel
             {

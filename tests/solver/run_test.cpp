@@ -149,6 +149,14 @@ TEST(Run, WithoutACostMapOnlyTheErrorLineIsWritten) {
     EXPECT_EQ(seg.g.data, g.data);
 }
 
+TEST(Run, AnImageOfAnotherSizeIsRefused) {
+    const Problem pr = randomProblem(6, 4, 2);
+    DeviceArray<float4, 2> image(toDevice2(Grid<float4>(6, 5)));
+    vela::Array<float, 3> cost = toDevice3(pr.cost);
+    ScopedPDseg seg(image.a, cost);
+    EXPECT_THROW(seg.run(), std::runtime_error);
+}
+
 TEST(Run, TensorModelsLeaveTheirGradientPicture) {
     for (int model : {3, 4}) {
         ScratchDir scratch;
