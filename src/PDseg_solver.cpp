@@ -9,7 +9,6 @@
 #include "src/PDseg_solver_host.h"
 #include "src/PDseg_solver_ops.h"
 #include "src/PDseg_solver_steps.h"
-#include "src/PDseg_solver_waves.h"
 #include "src/edge_weights.h"
 #include "src/engine_arrays.h"
 #include "vela/algorithms/basic.h"
@@ -120,6 +119,9 @@ struct SharedDual {
 // still within a block's static shared memory.
 template <int C>
 struct update_fast_kernel {
+    // Tiles read the dual field of the tiles above and to the left, which
+    // other blocks of the same launch write.
+    static constexpr vela::device::HostOrder hostOrder = vela::device::HostOrder::RowWaves;
     static constexpr int kSlots = 64;
     static constexpr int kBufferLabels = C > 32 ? C : 32;
     struct Shared {
@@ -183,25 +185,27 @@ namespace {
 
 HostSweep gHostSweep = HostSweep::Rows;
 
-bool hostRows() { return !vela::device::usesCuda() && gHostSweep == HostSweep::Rows; }
-
 bool launchable(unsigned int w, unsigned int h) {
     return vela::device::validLaunchShape(pixelGrid(w, h), pixelBlock());
 }
 
-// Runs one per-pixel step over the pixels of `first`: on the host backend by
-// default as row sweeps (`rows`), otherwise as kernel K in 32 x 2 blocks.  Both
-// refuse a grid the device could not launch in the same way.
+// Runs one per-pixel step over the pixels of `first`: as kernel K in 32 x 2
+// blocks, or on the host backend by default as row sweeps (`rows`) of the same
+// steps.  Both refuse a grid the device could not launch in the same way.
 template <class K, class Rows, class T, class... Args>
 void pixelStep(const Rows& rows, const Array<T, 3>& first, const Args&... rest) {
-    if (hostRows()) {
-        if (launchable(first.extents.x, first.extents.y))
+    auto kernel = [&] {
+        vela::device::launch<K>(pixelGrid(first.extents.x, first.extents.y), pixelBlock(), nullptr, first, rest...);
+    };
+    auto sweep = [&] {
+        if (gHostSweep != HostSweep::Rows)
+            kernel();
+        else if (launchable(first.extents.x, first.extents.y))
             rows();
         else
             vela::device::setLastError(cudaErrorInvalidConfiguration);
-        return;
-    }
-    vela::device::launch<K>(pixelGrid(first.extents.x, first.extents.y), pixelBlock(), nullptr, first, rest...);
+    };
+    vela::device::hostOrDevice(sweep, kernel);
 }
 
 int labelsOf(const Array<float, 3>& u) {
@@ -264,10 +268,14 @@ namespace {
 template <class Rows, class Steps>
 void iteration(const Array<float, 3>& u, const Rows& rows, const Steps& steps) {
     labelsOf(u);
-    if (hostRows() && launchable(u.extents.x, u.extents.y))
-        rows();
-    else
-        steps();
+    vela::device::hostOrDevice(
+        [&] {
+            if (gHostSweep == HostSweep::Rows && launchable(u.extents.x, u.extents.y))
+                rows();
+            else
+                steps();
+        },
+        steps);
 }
 }  // namespace
 
@@ -317,8 +325,8 @@ void update_fast(const Array<float, 3>& u, const Array<float, 3>& f, const Array
     // Tiles advance by 31 columns and 1 row: they overlap by one of each.
     const dim3 grid(vela::device::blocksFor(u.extents.x, kPixelBlockX - 1), u.extents.y);
     withLabelCapacity(labelsOf(u), [&](auto capacity) {
-        launchInRowWaves<update_fast_kernel<capacity.value>>(grid, pixelBlock(), nullptr, u, f, p, g, tau, sigma,
-                                                             lambda);
+        vela::device::launch<update_fast_kernel<capacity.value>>(grid, pixelBlock(), nullptr, u, f, p, g, tau, sigma,
+                                                                 lambda);
     });
 }
 

@@ -76,6 +76,21 @@ inline bool validLaunchShape(dim3 grid, dim3 block) {
     return static_cast<unsigned long long>(block.x) * block.y * block.z <= kMaxThreadsPerBlock;
 }
 
+// How the host launcher may schedule a kernel's blocks over its OS threads.
+enum class HostOrder {
+    // Any block on any thread at any time: the blocks of one launch share no
+    // element that one of them writes.  The default.
+    Any,
+    // For kernels whose blocks read what the blocks of the neighbouring grid
+    // rows write in the same launch (a GPU tolerates that ordering freedom; a
+    // CPU would race).  Each grid row (blocks of one y and z) runs on one OS
+    // thread, its blocks in order of x, and all rows of even y before all rows
+    // of odd y: no two threads touch the same element, and the result is one a
+    // GPU could also produce, the same for any number of threads.
+    RowWaves,
+};
+// A kernel chooses with  static constexpr vela::device::HostOrder hostOrder = ...;
+
 namespace detail {
 
 template <class K, class = void>
@@ -93,6 +108,15 @@ struct LocalOfImpl<K, true> {
 };
 template <class K>
 using LocalOf = typename LocalOfImpl<K>::type;
+
+template <class K, class = void>
+struct HostOrderOf {
+    static constexpr HostOrder value = HostOrder::Any;
+};
+template <class K>
+struct HostOrderOf<K, std::void_t<decltype(K::hostOrder)>> {
+    static constexpr HostOrder value = K::hostOrder;
+};
 
 // VELA_DEBUG_SYNC=1 makes every launch wait for its kernel and log its shape and
 // status on standard error, so an asynchronous fault points at its launcher.
@@ -117,35 +141,66 @@ __global__ void cudaEntry(Args... args) {
 }
 #endif
 
+// Runs all threads of the block t.blockIdx, phase after phase.
+template <class K, class... Args>
+void runBlock(Thread& t, LocalOf<K>* locals, const Args&... args) {
+    const dim3 block = t.blockDim;
+    if constexpr (IsPhased<K>::value) {
+        typename K::Shared shared;
+        for (int phase = 0; phase < K::phases; ++phase) {
+            std::size_t i = 0;
+            for (t.threadIdx.z = 0; t.threadIdx.z < block.z; ++t.threadIdx.z)
+                for (t.threadIdx.y = 0; t.threadIdx.y < block.y; ++t.threadIdx.y)
+                    for (t.threadIdx.x = 0; t.threadIdx.x < block.x; ++t.threadIdx.x)
+                        K{}(phase, t, shared, locals[i++], args...);
+        }
+    } else {
+        (void)locals;
+        for (t.threadIdx.z = 0; t.threadIdx.z < block.z; ++t.threadIdx.z)
+            for (t.threadIdx.y = 0; t.threadIdx.y < block.y; ++t.threadIdx.y)
+                for (t.threadIdx.x = 0; t.threadIdx.x < block.x; ++t.threadIdx.x) K{}(t, args...);
+    }
+}
+
+// Runs the grid's blocks over the OpenMP threads in the order the kernel allows.
 template <class K, class... Args>
 void hostLaunch(dim3 grid, dim3 block, const Args&... args) {
-    const long long blocks = static_cast<long long>(grid.x) * grid.y * grid.z;
-    VELA_PRAGMA_OMP(omp parallel) {
-        // Per OS thread, not per block: the thread-local states of a phased
-        // kernel are allocated once and reused by every block this thread runs.
-        [[maybe_unused]] std::vector<LocalOf<K>> locals;
-        if constexpr (IsPhased<K>::value) locals.resize(static_cast<std::size_t>(block.x) * block.y * block.z);
-        VELA_PRAGMA_OMP(omp for schedule(static))
-        for (long long b = 0; b < blocks; ++b) {
-            Thread t{};
-            t.blockDim = block;
-            t.gridDim = grid;
-            t.blockIdx.x = static_cast<unsigned int>(b % grid.x);
-            t.blockIdx.y = static_cast<unsigned int>((b / grid.x) % grid.y);
-            t.blockIdx.z = static_cast<unsigned int>(b / (static_cast<long long>(grid.x) * grid.y));
-            if constexpr (IsPhased<K>::value) {
-                typename K::Shared shared;
-                for (int phase = 0; phase < K::phases; ++phase) {
-                    std::size_t i = 0;
-                    for (t.threadIdx.z = 0; t.threadIdx.z < block.z; ++t.threadIdx.z)
-                        for (t.threadIdx.y = 0; t.threadIdx.y < block.y; ++t.threadIdx.y)
-                            for (t.threadIdx.x = 0; t.threadIdx.x < block.x; ++t.threadIdx.x)
-                                K{}(phase, t, shared, locals[i++], args...);
+    const std::size_t threads = static_cast<std::size_t>(block.x) * block.y * block.z;
+    auto start = [&](Thread& t) {
+        t = Thread{};
+        t.blockDim = block;
+        t.gridDim = grid;
+    };
+    if constexpr (HostOrderOf<K>::value == HostOrder::RowWaves) {
+        for (unsigned int z = 0; z < grid.z; ++z) {
+            for (long long parity = 0; parity < 2; ++parity) {
+                VELA_PRAGMA_OMP(omp parallel) {
+                    // Per OS thread, not per block: reused by every block it runs.
+                    std::vector<LocalOf<K>> locals(IsPhased<K>::value ? threads : 0);
+                    VELA_PRAGMA_OMP(omp for schedule(static))
+                    for (long long row = parity; row < static_cast<long long>(grid.y); row += 2) {
+                        Thread t;
+                        start(t);
+                        t.blockIdx.y = static_cast<unsigned int>(row);
+                        t.blockIdx.z = z;
+                        for (t.blockIdx.x = 0; t.blockIdx.x < grid.x; ++t.blockIdx.x)
+                            runBlock<K>(t, locals.data(), args...);
+                    }
                 }
-            } else {
-                for (t.threadIdx.z = 0; t.threadIdx.z < block.z; ++t.threadIdx.z)
-                    for (t.threadIdx.y = 0; t.threadIdx.y < block.y; ++t.threadIdx.y)
-                        for (t.threadIdx.x = 0; t.threadIdx.x < block.x; ++t.threadIdx.x) K{}(t, args...);
+            }
+        }
+    } else {
+        const long long blocks = static_cast<long long>(grid.x) * grid.y * grid.z;
+        VELA_PRAGMA_OMP(omp parallel) {
+            std::vector<LocalOf<K>> locals(IsPhased<K>::value ? threads : 0);
+            VELA_PRAGMA_OMP(omp for schedule(static))
+            for (long long b = 0; b < blocks; ++b) {
+                Thread t;
+                start(t);
+                t.blockIdx.x = static_cast<unsigned int>(b % grid.x);
+                t.blockIdx.y = static_cast<unsigned int>((b / grid.x) % grid.y);
+                t.blockIdx.z = static_cast<unsigned int>(b / (static_cast<long long>(grid.x) * grid.y));
+                runBlock<K>(t, locals.data(), args...);
             }
         }
     }
@@ -173,6 +228,18 @@ void launch(dim3 grid, dim3 block, cudaStream_t stream, const Args&... args) {
     }
     detail::hostLaunch<K>(grid, block, args...);
     if (detail::debugSyncEnabled()) detail::debugSyncAfterLaunch(typeid(K).name(), grid, block);
+}
+
+// For work whose host form differs from its kernels in schedule only, never in
+// result (a vectorised sweep of the same per-pixel steps, say): `onHost` runs on
+// the host backend and `onDevice` on the cuda backend, so code above this
+// layer supplies both and never asks which backend runs.
+template <class OnHost, class OnDevice>
+void hostOrDevice(OnHost&& onHost, OnDevice&& onDevice) {
+    if (usesCuda())
+        onDevice();
+    else
+        onHost();
 }
 
 }  // namespace vela::device
