@@ -29,16 +29,6 @@ namespace {
 
 const cudaStream_t kDefaultStream = nullptr;
 
-// Releases an array allocated here when it goes out of scope.
-template <class T, int N>
-struct OwnedArray {
-    vela::Array<T, N> a;
-    explicit OwnedArray(const vela::Array<T, N>& array) : a(array) {}
-    ~OwnedArray() { vela::freeArray(a); }
-    OwnedArray(const OwnedArray&) = delete;
-    OwnedArray& operator=(const OwnedArray&) = delete;
-};
-
 template <class T, int M>
 vela::Array<T, M> narrow(const vela::Array<T, 4>& a) {
     return vela::internal::decreaseArrayDimension<T, 4, M>(a);
@@ -87,9 +77,9 @@ void saveImageInPlace(const vela::Array<float, 3>& image, const std::string& pat
 // and saves it.
 void saveRendering(const vela::Array<float4, 2>& rendering, const std::string& path) {
     const uint4 extents = make_uint4(rendering.extents.x, rendering.extents.y, 3, 1);
-    OwnedArray<float, 3> planes(narrow<float, 3>(rendering.device == vela::kHostDevice
-                                                     ? vela::mallocHostArray<float>(extents, vela::LINEAR_LAYOUT)
-                                                     : vela::mallocDeviceArray<float>(extents, vela::PITCHED_LAYOUT)));
+    vela::ScopedArray<float, 3> planes(narrow<float, 3>(
+        rendering.device == vela::kHostDevice ? vela::mallocHostArray<float>(extents, vela::LINEAR_LAYOUT)
+                                              : vela::mallocDeviceArray<float>(extents, vela::PITCHED_LAYOUT)));
     vela::convert(planes.a, rendering, kDefaultStream);
     saveImageInPlace(planes.a, path);
 }
@@ -127,11 +117,11 @@ bool setLabelColors(PDseg& seg, const std::vector<int>& labelIds, unsigned int f
             return false;
         }
     }
-    OwnedArray<float4, 1> palette(
+    vela::ScopedArray<float4, 1> palette(
         narrow<float4, 1>(vela::mallocHostArray<float4>(make_uint4(paletteSize, 1, 1, 1), vela::LINEAR_LAYOUT)));
     vela::arrayCopy(palette.a, seg.colorCode);
     const unsigned int n = static_cast<unsigned int>(labelIds.size());
-    OwnedArray<float4, 1> table(
+    vela::ScopedArray<float4, 1> table(
         narrow<float4, 1>(vela::mallocHostArray<float4>(make_uint4(n, 1, 1, 1), vela::LINEAR_LAYOUT)));
     for (unsigned int i = 0; i < n; ++i) table.a.data[i] = palette.a.data[labelIds[i]];
     vela::freeArray(seg.labelColors);
@@ -180,8 +170,8 @@ bool makeResultFolder(const std::string& folder) {
 int singleFrame(const std::string& imagePath, const std::string& trackPath, unsigned int frame,
                 const std::string& outputStem, const std::vector<std::string>& inputs, int maxiter, float lambda) {
     if (!outputsAreFree(outputStem, inputs)) return 1;
-    OwnedArray<float4, 2> host(loadColorImage(imagePath));
-    OwnedArray<float4, 2> image(narrow<float4, 2>(
+    vela::ScopedArray<float4, 2> host(loadColorImage(imagePath));
+    vela::ScopedArray<float4, 2> image(narrow<float4, 2>(
         vela::mallocDeviceArray<float4>(make_uint4(host.a.extents.x, host.a.extents.y, 1, 1), vela::PITCHED_LAYOUT)));
     vela::arrayCopy(image.a, host.a);
     processFrame(outputStem, image.a, trackPath, frame, maxiter, lambda);
@@ -205,9 +195,9 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
         if (!outputsAreFree(stems.back(), inputs)) return 1;
     }
 
-    OwnedArray<float4, 2> host(loadColorImage(files[0]));
+    vela::ScopedArray<float4, 2> host(loadColorImage(files[0]));
     const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
-    OwnedArray<float4, 2> image(
+    vela::ScopedArray<float4, 2> image(
         narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (i > 0) {
@@ -285,9 +275,9 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
                   unsigned int frame, int maxiter, float lambda) {
     const unsigned int w = image.extents.x, h = image.extents.y;
-    OwnedArray<float, 2> hostLabels(
+    vela::ScopedArray<float, 2> hostLabels(
         narrow<float, 2>(vela::mallocHostArray<float>(make_uint4(w, h, 1, 1), vela::LINEAR_LAYOUT)));
-    OwnedArray<float, 2> labels(
+    vela::ScopedArray<float, 2> labels(
         narrow<float, 2>(vela::mallocDeviceArray<float>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
     vela::Array<float, 4> labels4 = vela::internal::increaseArrayDimension(labels.a);
     vela::set(labels4, -1.0f, kDefaultStream);

@@ -37,18 +37,5 @@ vela::Array<T, 1> hostView1D(T* p, unsigned int n) {
 }  // namespace seg
 
 namespace seg {
-
-// Releases an array the enclosing scope allocated, also when it is left by an
-// exception.
-template <class T, int N>
-struct ScopedArray {
-    vela::Array<T, N> a{};
-    ScopedArray() = default;
-    explicit ScopedArray(const vela::Array<T, N>& array) : a(array) {}
-    ScopedArray(ScopedArray&& other) noexcept : a(other.a) { other.a = vela::Array<T, N>{}; }
-    ScopedArray(const ScopedArray&) = delete;
-    ScopedArray& operator=(const ScopedArray&) = delete;
-    ~ScopedArray() { vela::freeArray(a); }
-};
-
+using vela::ScopedArray;
 }  // namespace seg

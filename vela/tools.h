@@ -187,9 +187,8 @@ Array<T, 4> mallocDeviceArray(uint4 extents, MemLayout layout) {
     a.device = device::getDevice();
     const unsigned int elem = static_cast<unsigned int>(sizeof(T));
     if (layout == PITCHED_LAYOUT) {
-        const device::PitchedPtr p =
-            device::malloc3D(static_cast<std::size_t>(extents.x) * sizeof(T), extents.y,
-                             static_cast<std::size_t>(extents.z) * extents.w);
+        const device::PitchedPtr p = device::malloc3D(static_cast<std::size_t>(extents.x) * sizeof(T), extents.y,
+                                                      static_cast<std::size_t>(extents.z) * extents.w);
         _CHECK_CUDA_ERROR(kToolsSource, 49);
         const unsigned int pitch = static_cast<unsigned int>(p.pitch);
         a.data = static_cast<T*>(p.ptr);
@@ -240,6 +239,19 @@ void freeArray(Array<T, N>& a) {
         device::free(a.data);
     a.data = nullptr;
 }
+
+// Releases an array the enclosing scope allocated, also when the scope is left
+// by an exception.
+template <class T, int N>
+struct ScopedArray {
+    Array<T, N> a{};
+    ScopedArray() = default;
+    explicit ScopedArray(const Array<T, N>& array) : a(array) {}
+    ScopedArray(ScopedArray&& other) noexcept : a(other.a) { other.a = Array<T, N>{}; }
+    ScopedArray(const ScopedArray&) = delete;
+    ScopedArray& operator=(const ScopedArray&) = delete;
+    ~ScopedArray() { freeArray(a); }
+};
 
 namespace internal {
 // Whether the slices and volumes of a 4-D array lie where one 3-D copy puts them.
@@ -299,10 +311,9 @@ Array<T, 4> block(const Array<T, 4>& a, Range x, Range y, Range z, Range w) {
                                   static_cast<std::size_t>(r[1].begin) * a.strides.y +
                                   static_cast<std::size_t>(r[2].begin) * a.strides.z +
                                   static_cast<std::size_t>(r[3].begin) * a.strides.w);
-    v.extents = make_uint4(static_cast<unsigned int>(r[0].end - r[0].begin + 1),
-                           static_cast<unsigned int>(r[1].end - r[1].begin + 1),
-                           static_cast<unsigned int>(r[2].end - r[2].begin + 1),
-                           static_cast<unsigned int>(r[3].end - r[3].begin + 1));
+    v.extents = make_uint4(
+        static_cast<unsigned int>(r[0].end - r[0].begin + 1), static_cast<unsigned int>(r[1].end - r[1].begin + 1),
+        static_cast<unsigned int>(r[2].end - r[2].begin + 1), static_cast<unsigned int>(r[3].end - r[3].begin + 1));
     return v;
 }
 
