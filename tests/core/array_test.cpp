@@ -5,22 +5,13 @@
 #include <stdexcept>
 #include <string>
 
+#include "tests/support/message_of.h"
 #include "vela/device/runtime.h"
 #include "vela/tools.h"
 
 namespace {
 
 using vela::Array;
-
-template <class F>
-std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 TEST(Descriptor, HasTheDeviceLayoutOfItsFields) {
     static_assert(sizeof(Array<float, 4>) == 64);
@@ -87,12 +78,14 @@ TEST(Allocation, PitchedDeviceRowsArePaddedAndPackedOnesAreNot) {
 TEST(Allocation, RejectsZeroExtentsBeforeTheLayout) {
     EXPECT_EQ(messageOf([] { vela::mallocHostArray<float>(make_uint4(640, 480, 0, 1), vela::PITCHED_LAYOUT); }),
               "vela::mallocHostArray: all extents must be >= 1");
-    EXPECT_EQ(messageOf([] { vela::mallocDeviceArray<float>(make_uint4(0, 1, 1, 1), static_cast<vela::MemLayout>(7)); }),
-              "vela::mallocDeviceArray: all extents must be >= 1");
+    EXPECT_EQ(
+        messageOf([] { vela::mallocDeviceArray<float>(make_uint4(0, 1, 1, 1), static_cast<vela::MemLayout>(7)); }),
+        "vela::mallocDeviceArray: all extents must be >= 1");
     EXPECT_EQ(messageOf([] { vela::mallocHostArray<float>(make_uint4(1, 1, 1, 1), vela::PITCHED_LAYOUT); }),
               "vela::mallocHostArray: unsupported memory layout");
-    EXPECT_EQ(messageOf([] { vela::mallocDeviceArray<float>(make_uint4(1, 1, 1, 1), static_cast<vela::MemLayout>(7)); }),
-              "vela::mallocDeviceArray: unsupported memory layout");
+    EXPECT_EQ(
+        messageOf([] { vela::mallocDeviceArray<float>(make_uint4(1, 1, 1, 1), static_cast<vela::MemLayout>(7)); }),
+        "vela::mallocDeviceArray: unsupported memory layout");
 }
 
 TEST(Allocation, FailedDeviceAllocationThrowsWithTheLineOfItsCall) {

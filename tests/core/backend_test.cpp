@@ -1,16 +1,17 @@
+#include "vela/device/backend.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <string>
 
-#include "vela/device/backend.h"
 #include "vela/device/runtime.h"
 
 namespace {
 
 // The choice is made once per process, so each case runs in a fresh child.
 class BackendChoice : public testing::Test {
-   protected:
+ protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/message_of.h"
 #include "vela/access.h"
 #include "vela/tools.h"
 
@@ -11,16 +12,6 @@ namespace {
 
 using vela::Array;
 using vela::Range;
-
-template <class F>
-std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 Array<float, 2> hostRamp(unsigned w, unsigned h, float base) {
     auto a = vela::internal::decreaseArrayDimension<float, 4, 2>(
@@ -107,16 +98,17 @@ TEST(Block, ViewsShareMemoryAndKeepTheParentsStrides) {
     EXPECT_EQ(whole.data, a.data);
     EXPECT_EQ(whole.extents.z, 3u);
     auto v = vela::block(a, Range(1, 3), Range(2, 5), Range(1, 1), Range(0, 0));
-    EXPECT_EQ(reinterpret_cast<char*>(v.data),
-              reinterpret_cast<char*>(a.data) + 4 + 2 * a.strides.y + a.strides.z);
+    EXPECT_EQ(reinterpret_cast<char*>(v.data), reinterpret_cast<char*>(a.data) + 4 + 2 * a.strides.y + a.strides.z);
     EXPECT_EQ(v.extents.x, 3u);
     EXPECT_EQ(v.extents.y, 4u);
     EXPECT_EQ(v.strides.z, a.strides.z);
 
     // Rows 2..5 of 8-row slices: slices are not where a 3-D copy expects them.
     auto host = vela::mallocHostArray<float>(v.extents, vela::LINEAR_LAYOUT);
-    EXPECT_EQ(messageOf([&] { vela::arrayCopy(host, v); }), "vela::arrayCopy: memory layout of src array is incompatible");
-    EXPECT_EQ(messageOf([&] { vela::arrayCopy(v, host); }), "vela::arrayCopy: memory layout of dst array is incompatible");
+    EXPECT_EQ(messageOf([&] { vela::arrayCopy(host, v); }),
+              "vela::arrayCopy: memory layout of src array is incompatible");
+    EXPECT_EQ(messageOf([&] { vela::arrayCopy(v, host); }),
+              "vela::arrayCopy: memory layout of dst array is incompatible");
     // As a 2-D view the upper strides are recomputed and the copy works.
     auto v2 = vela::internal::decreaseArrayDimension<float, 4, 2>(v);
     auto host2 = vela::internal::decreaseArrayDimension<float, 4, 2>(host);
@@ -128,10 +120,12 @@ TEST(Block, ViewsShareMemoryAndKeepTheParentsStrides) {
 TEST(Block, OutOfBoundsRangesAreReportedWithTheResolvedEnds) {
     Array<float, 4> a{};
     a.extents = make_uint4(10, 10, 1, 1);
-    EXPECT_EQ(messageOf([&] { vela::block(a, Range(0, 10), Range(0, -1), Range(0, -1), Range(0, -1)); }),
-              "block: block range is out of bounds.\n array extents are (10, 10, 1, 1), ranges are [0-10, 0-9, 0-0, 0-0]");
-    EXPECT_EQ(messageOf([&] { vela::block(a, Range(-2, 3), Range(0, 0), Range(0, 0), Range(0, 0)); }),
-              "block: block range is out of bounds.\n array extents are (10, 10, 1, 1), ranges are [-2-3, 0-0, 0-0, 0-0]");
+    EXPECT_EQ(
+        messageOf([&] { vela::block(a, Range(0, 10), Range(0, -1), Range(0, -1), Range(0, -1)); }),
+        "block: block range is out of bounds.\n array extents are (10, 10, 1, 1), ranges are [0-10, 0-9, 0-0, 0-0]");
+    EXPECT_EQ(
+        messageOf([&] { vela::block(a, Range(-2, 3), Range(0, 0), Range(0, 0), Range(0, 0)); }),
+        "block: block range is out of bounds.\n array extents are (10, 10, 1, 1), ranges are [-2-3, 0-0, 0-0, 0-0]");
 }
 
 }  // namespace

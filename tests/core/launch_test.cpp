@@ -1,27 +1,19 @@
+#include "vela/device/launch.h"
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/support/message_of.h"
 #include "vela/access.h"
-#include "vela/device/launch.h"
 #include "vela/tools.h"
 
 namespace {
 
 using vela::Array;
 using vela::device::Thread;
-
-template <class F>
-std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 // Counts how often each element of a 3-D array is visited.
 struct count_visits_kernel {
@@ -98,12 +90,12 @@ TEST(Launch, EveryElementIsVisitedOnceWithPartialBlocks) {
 TEST(Launch, ShapesTheDeviceCannotRunSetTheLastError) {
     auto a = deviceCounts(4, 4, 1);
     const dim3 bad[][2] = {
-        {dim3(0, 1, 1), dim3(32, 1, 1)},    // empty grid
-        {dim3(1, 1, 1), dim3(0, 1, 1)},     // empty block
-        {dim3(1, 1, 1), dim3(1025, 1, 1)},  // too many threads
-        {dim3(1, 1, 1), dim3(32, 33, 1)},   // 1056 threads
-        {dim3(1, 1, 1), dim3(1, 1, 65)},    // block z over its limit
-        {dim3(1, 65536, 1), dim3(1, 1, 1)}, // grid y over its limit
+        {dim3(0, 1, 1), dim3(32, 1, 1)},     // empty grid
+        {dim3(1, 1, 1), dim3(0, 1, 1)},      // empty block
+        {dim3(1, 1, 1), dim3(1025, 1, 1)},   // too many threads
+        {dim3(1, 1, 1), dim3(32, 33, 1)},    // 1056 threads
+        {dim3(1, 1, 1), dim3(1, 1, 65)},     // block z over its limit
+        {dim3(1, 65536, 1), dim3(1, 1, 1)},  // grid y over its limit
     };
     for (const auto& shape : bad) {
         vela::device::launch<count_visits_kernel>(shape[0], shape[1], nullptr, a);

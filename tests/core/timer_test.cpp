@@ -1,8 +1,8 @@
+#include "vela/timer.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "vela/timer.h"
 
 namespace {
 
