@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "tests/driver/test_files.h"
 
@@ -13,36 +15,33 @@ using driver_test::ScratchFolder;
 
 TEST(Config, ReadsEntriesCommentsAndTheLastValueOfAKey) {
     ScratchFolder folder("config");
-    const std::string path = folder.write("cfg",
-                                          "#folders\n"
-                                          "s dataDir /data/seq1   # a comment after an entry\n"
-                                          "s tracksDir -\n"
-                                          "imaxiter 100\n"
-                                          "f lambda 2.5\n"
-                                          "f lambda 10.0 # the second value wins\n"
-                                          "c mode x\n"
-                                          "   # indented comment\n"
-                                          "i maxiter 2000");  // no newline at the end
-    ConfigMap config = loadConfigINI(path);
+    ConfigMap config = loadConfigINI(folder.write("cfg",
+                                                  "#folders\n"
+                                                  "s dataDir /data/seq1   # a comment after an entry\n"
+                                                  "s tracksDir -\n"
+                                                  "imaxiter 100\n"
+                                                  "f lambda 2.5\n"
+                                                  "f lambda 10.0 # the second value wins\n"
+                                                  "c mode x\n"
+                                                  "   # indented comment\n"
+                                                  "i maxiter 2000"));  // no newline at the end
     EXPECT_EQ(config.size(), 5u);
     EXPECT_EQ(config["dataDir"].type, 's');
-    EXPECT_EQ(config["dataDir"].key, "dataDir");
     EXPECT_EQ(config["dataDir"].text, "/data/seq1");
     EXPECT_EQ(config["tracksDir"].text, "-");
     EXPECT_EQ(config["maxiter"].type, 'i');
     EXPECT_EQ(config["maxiter"].intValue(), 2000);
-    EXPECT_EQ(config["lambda"].type, 'f');
     EXPECT_EQ(config["lambda"].floatValue(), 10.0f);
     EXPECT_EQ(config["mode"].charValue(), 'x');
+    // Absent keys read as zero and empty text.
+    EXPECT_TRUE(config["absent"].type == 0 && config["absent"].floatValue() == 0.0f && config["absent"].text.empty());
+    EXPECT_TRUE(loadConfigINI(folder.write("comments", "# only a comment\n\n#and another")).empty());
 }
 
 TEST(Config, EveryRecordCarriesTheOtherKindOfTheLineBefore) {
     ScratchFolder folder("config");
-    ConfigMap config = loadConfigINI(folder.write("cfg",
-                                                  "s dataDir images\n"
-                                                  "i maxiter 100\n"
-                                                  "s resultDir out\n"
-                                                  "c mode z\n"));
+    ConfigMap config =
+        loadConfigINI(folder.write("cfg", "s dataDir images\ni maxiter 100\ns resultDir out\nc mode z\n"));
     // The number slot starts at 0 and the text empty.
     EXPECT_EQ(config["dataDir"].number, 0u);
     // An 'i' line after an 's' line keeps that text ...
@@ -52,16 +51,6 @@ TEST(Config, EveryRecordCarriesTheOtherKindOfTheLineBefore) {
     // A 'c' line sets only the lowest byte of the slot.
     EXPECT_EQ(config["mode"].number, (100u & ~0xFFu) | static_cast<unsigned char>('z'));
     EXPECT_EQ(config["mode"].text, "out");
-}
-
-TEST(Config, OnlyCommentsGiveNoKeysAndAbsentKeysReadAsZero) {
-    ScratchFolder folder("config");
-    ConfigMap config = loadConfigINI(folder.write("cfg", "# only a comment\n\n#and another"));
-    EXPECT_TRUE(config.empty());
-    EXPECT_EQ(config["lambda"].type, 0);
-    EXPECT_EQ(config["lambda"].floatValue(), 0.0f);
-    EXPECT_EQ(config["maxiter"].intValue(), 0);
-    EXPECT_EQ(config["dataDir"].text, "");
 }
 
 TEST(Config, ParsingReportsTheFaultWithoutEndingTheProcess) {
@@ -82,31 +71,18 @@ void loadWithStdoutOnStderr(const std::string& path) {
     loadConfigINI(path);
 }
 
-const char* const kFormatLine = "Input Format- <i\\|f\\|c\\|s> <key> <value>, use # for comments";
-
-class ConfigDeath : public testing::Test {
- protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-    ScratchFolder folder{"config-death"};
-};
-
-TEST_F(ConfigDeath, UnknownTypeLetterEndsWithStatus255) {
-    const std::string path = folder.write("cfg", "s dataDir x\nx maxiter 10\n");
-    EXPECT_EXIT(loadWithStdoutOnStderr(path), testing::ExitedWithCode(255), kFormatLine);
-}
-
-TEST_F(ConfigDeath, UnreadableValuesAndCutEntriesEndWithStatus255) {
-    for (const char* contents : {"i maxiter abc\n", "f lambda ten\n", "i maxiter 99999999999\n", "i maxiter\n",
-                                 "s dataDir\n", "i\n", "i maxiter 1.5\n"}) {
-        SCOPED_TRACE(contents);
-        const std::string path = folder.write("cfg", contents);
-        EXPECT_EXIT(loadWithStdoutOnStderr(path), testing::ExitedWithCode(255), kFormatLine);
-    }
-}
-
-TEST_F(ConfigDeath, MissingFileOrFolderEndsWithStatus255) {
-    EXPECT_EXIT(loadWithStdoutOnStderr(folder / "absent"), testing::ExitedWithCode(255), "absent");
-    EXPECT_EXIT(loadWithStdoutOnStderr(folder.str()), testing::ExitedWithCode(255), kFormatLine);
+TEST(ConfigDeath, BadEntriesAndMissingFilesEndWithStatus255) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const char* const formatLine = "Input Format- <i\\|f\\|c\\|s> <key> <value>, use # for comments";
+    // Static, so that the exit in each death test's child removes the child's copy.
+    static const ScratchFolder folder("config-death");
+    std::vector<std::pair<std::string, const char*>> cases = {{folder / "absent", "absent"},
+                                                              {folder.str(), formatLine}};
+    for (const char* contents : {"s dataDir x\nx maxiter 10\n", "i maxiter abc\n", "f lambda ten\n",
+                                 "i maxiter 99999999999\n", "i maxiter\n", "s dataDir\n", "i\n", "i maxiter 1.5\n"})
+        cases.emplace_back(folder.write("cfg" + std::to_string(cases.size()), contents), formatLine);
+    for (const auto& [path, pattern] : cases)
+        EXPECT_EXIT(loadWithStdoutOnStderr(path), testing::ExitedWithCode(255), pattern) << driver_test::readFile(path);
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
 // Scratch folders and files for the driver tests.
 #pragma once
 
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 
 namespace driver_test {
@@ -13,17 +14,15 @@ namespace driver_test {
 class ScratchFolder {
  public:
     explicit ScratchFolder(const std::string& name) {
-        path_ = std::filesystem::temp_directory_path() /
-                ("denseseg-" + name + "-" + std::to_string(::getpid()) + "-" + std::to_string(counter()++));
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
+        std::string p = (std::filesystem::temp_directory_path() / ("denseseg-" + name + "-XXXXXX")).string();
+        if (::mkdtemp(p.data()) == nullptr) throw std::runtime_error("cannot create " + p);
+        path_ = p;
     }
     ~ScratchFolder() {
         std::error_code ec;
         std::filesystem::remove_all(path_, ec);
     }
     ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
 
     // The folder, without a trailing "/".
     std::string str() const { return path_.string(); }
@@ -38,10 +37,6 @@ class ScratchFolder {
     }
 
  private:
-    static int& counter() {
-        static int n = 0;
-        return n;
-    }
     std::filesystem::path path_;
 };
 

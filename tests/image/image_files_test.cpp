@@ -1,21 +1,49 @@
+// Reading and writing image files: the netpbm readers and writers of the
+// tensor and matrix classes, and saveImage for device and host arrays.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
+#include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "image/CMatrix.h"
 #include "image/CTensor.h"
 #include "tests/algorithms/device_buffer.h"
-#include "tests/image/temp_dir.h"
+#include "vela/cmatrixlib_interface.h"
 
 namespace {
 
-using image_test::readFile;
-using image_test::TempDir;
-using image_test::writeFile;
+using vela_test::DeviceBuffer;
 using vela_test::messageOf;
 using namespace std::string_literals;
+
+// A fresh temporary directory, removed when the test ends.
+class TempDir {
+ public:
+    TempDir() {
+        std::string name = (std::filesystem::temp_directory_path() / "vela-image-test-XXXXXX").string();
+        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
+        path_ = name;
+    }
+    ~TempDir() { std::filesystem::remove_all(path_); }
+    std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+    std::filesystem::path path_;
+};
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
 TEST(PpmFiles, RoundTripWithTheExactHeaderAndPixelOrder) {
     TempDir dir;
@@ -33,23 +61,32 @@ TEST(PpmFiles, RoundTripWithTheExactHeaderAndPixelOrder) {
     CTensor<float> back(1, 1, 1);  // old contents are replaced
     back.readFromImage(path.c_str());
     ASSERT_TRUE(back.xSize == 5 && back.ySize == 3 && back.zSize == 3);
-    for (std::size_t i = 0; i < t.size(); ++i) ASSERT_EQ(back.data[i], t.data[i]) << i;
+    EXPECT_TRUE(std::equal(t.data, t.data + t.size(), back.data));
     const CTensor<float> copy = back;  // file -> tensor -> file, through a copy
     copy.writeToImage(dir.file("again.PPM").c_str());
     EXPECT_EQ(readFile(dir.file("again.PPM")), bytes);
 }
 
-TEST(PpmFiles, CommentsAfterTheMagicLineAreSkippedAndMissingSamplesReadAsMinusOne) {
+// Comments after the magic line are skipped.  A cut header is refused with
+// the file's name; samples the file lacks read as -1.
+TEST(PpmFiles, CommentsAreSkippedAndEveryTruncationReadsOrFailsCleanly) {
     TempDir dir;
-    const std::string path = dir.file("commented.ppm");
-    writeFile(path, "P6\n# written by hand\n# 99 99\n2 1\n255\n\x0A\x0B\x0C\x0D"s);
-    CTensor<float> t;
-    t.readFromPPM(path.c_str());
-    ASSERT_TRUE(t.xSize == 2 && t.ySize == 1 && t.zSize == 3);
-    EXPECT_EQ(t(0, 0, 2), 12);
-    EXPECT_EQ(t(1, 0, 0), 13);
-    EXPECT_EQ(t(1, 0, 1), -1.0f);
-    EXPECT_EQ(t(1, 0, 2), -1.0f);
+    const std::string whole = "P6\n# written by hand\n# 99 99\n3 2\n255\n" + std::string(18, '\x07');
+    const std::size_t headerSize = whole.size() - 18;
+    const std::string path = dir.file("cut.ppm");
+    for (std::size_t n = 0; n <= whole.size(); ++n) {
+        writeFile(path, whole.substr(0, n));
+        CTensor<float> t;
+        if (n < headerSize) {
+            EXPECT_NE(messageOf([&] { t.readFromPPM(path.c_str()); }).find(path), std::string::npos) << n;
+            EXPECT_EQ(t.data, nullptr);
+            continue;
+        }
+        t.readFromPPM(path.c_str());
+        ASSERT_TRUE(t.xSize == 3 && t.ySize == 2 && t.zSize == 3);
+        for (std::size_t k = 0; k < 18; ++k)
+            ASSERT_EQ(t.data[(k % 3) * 6 + k / 3], k < n - headerSize ? 7.0f : -1.0f) << n << " " << k;
+    }
 }
 
 TEST(ImageFiles, SamplesAreWrittenAsTheLowByteOfTheirTruncatedValue) {
@@ -66,19 +103,11 @@ TEST(ImageFiles, SamplesAreWrittenAsTheLowByteOfTheirTruncatedValue) {
     for (int i = 0; i < 6; ++i) m.data[i] = static_cast<float>(i) * 100.0f;
     m.writeToImage(dir.file("matrix.PGM").c_str());
     EXPECT_EQ(readFile(dir.file("matrix.PGM")), "P5\n3 2\n255\n\0\x64\xC8\x2C\x90\xF4"s);
-    CTensor<unsigned char> bytes(2, 1, 3);
-    bytes(0, 0, 0) = 200;
-    bytes(1, 0, 2) = 9;
-    bytes.writeToImage(dir.file("bytes.ppm").c_str());
-    EXPECT_EQ(readFile(dir.file("bytes.ppm")), "P6 \n2 1 \n255\n\xC8\0\0\0\0\x09"s);
-}
 
-TEST(PgmFiles, PlanesFormAMosaicWithBlackTilesAfterTheLast) {
-    TempDir dir;
-    CTensor<float> t(2, 1, 5);
-    for (int z = 0; z < 5; ++z) t(0, 0, z) = t(1, 0, z) = static_cast<float>(z + 1);
-    t.writeToImage(dir.file("mosaic.pgm").c_str());
-    // 2 rows of 3 tiles: planes 0 1 2 / 3 4 (black)
+    // Planes form a mosaic, 2 rows of 3 tiles: planes 0 1 2 / 3 4 (black).
+    CTensor<float> planes(2, 1, 5);
+    for (int z = 0; z < 5; ++z) planes(0, 0, z) = planes(1, 0, z) = static_cast<float>(z + 1);
+    planes.writeToImage(dir.file("mosaic.pgm").c_str());
     EXPECT_EQ(readFile(dir.file("mosaic.pgm")), "P5 \n6 2 \n255\n\1\1\2\2\3\3\4\4\5\5\0\0"s);
 }
 
@@ -92,26 +121,24 @@ TEST(PgmFiles, GreyReaderKeepsItsShiftWhileThePpmReaderSkipsTheMaximum) {
     for (int i = 0; i < 8; ++i) EXPECT_EQ(viaPpm.data[i], i + 1);
     viaPgm.readFromImage(path.c_str());
     const float shifted4[] = {'2', '5', '5', '\n', 1, 2, 3, 4};
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(viaPgm.data[i], shifted4[i]) << i;
+    EXPECT_TRUE(std::equal(shifted4, shifted4 + 8, viaPgm.data));
 
     viaPpm.writeToPGM(path.c_str());  // the tensor writer's header shifts by five
     viaPgm.readFromPGM(path.c_str());
     const float shifted5[] = {'\n', '2', '5', '5', '\n', 1, 2, 3};
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(viaPgm.data[i], shifted5[i]) << i;
+    EXPECT_TRUE(std::equal(shifted5, shifted5 + 8, viaPgm.data));
 }
 
 TEST(ImageFiles, ExtensionsChooseTheFormatAndOnlyTheTwoSpellingsAreAccepted) {
     TempDir dir;
     const CTensor<float> t(2, 2, 3);
-    t.writeToImage(dir.file("image.PPM").c_str());
-    EXPECT_EQ(readFile(dir.file("image.PPM")).substr(0, 2), "P6");
     for (const char* bad : {"image.Ppm", "image", "dir.ppm/image"}) {
         EXPECT_EQ(messageOf([&] { t.writeToImage(dir.file(bad).c_str()); }), "Image file format not supported") << bad;
         CTensor<float> r;
         EXPECT_EQ(messageOf([&] { r.readFromImage(dir.file(bad).c_str()); }), "Image file format not supported");
     }
-    const CMatrix<float> m(1, 1);
-    EXPECT_EQ(messageOf([&] { m.writeToImage(dir.file("m.ppm").c_str()); }), "Image file format not supported");
+    EXPECT_EQ(messageOf([&] { CMatrix<float>(1, 1).writeToImage(dir.file("m.ppm").c_str()); }),
+              "Image file format not supported");
 }
 
 TEST(ImageFiles, MissingUnwritableAndForeignFilesAreReported) {
@@ -142,39 +169,60 @@ TEST(ImageFiles, BrokenHeadersAreRejectedWithTheFileName) {
     TempDir dir;
     const std::string path = dir.file("broken.ppm");
     for (const std::string& bytes :
-         {""s, "no magic here"s, "P"s, "P6"s, "P6\n"s, "P6\nwide 1\n255\n\0\0\0"s, "P6\n1"s, "P6\n1 1"s,
-          "P6\n1 1\n255"s, "P6\n0 1\n255\n"s, "P6\n1 0\n255\n\0\0\0"s, "P6\n60000 60000\n255\n\0\0\0"s,
-          "P5\n99999999999999999999999999 1\n255\n"s, "P6\n# only a comment"s}) {
+         {""s, "no magic here"s, "P"s, "P6\nwide 1\n255\n\0\0\0"s, "P6\n0 1\n255\n"s, "P6\n1 0\n255\n\0\0\0"s,
+          "P6\n60000 60000\n255\n\0\0\0"s, "P5\n99999999999999999999999999 1\n255\n"s, "P6\n# only a comment"s}) {
         writeFile(path, bytes);
         CTensor<float> t;
-        std::string message = "<no exception>";
-        try {
-            t.readFromPPM(path.c_str());
-        } catch (const std::runtime_error& e) {
-            message = e.what();
-        }
-        EXPECT_NE(message.find(path), std::string::npos) << testing::PrintToString(bytes) << ": " << message;
+        EXPECT_NE(messageOf([&] { t.readFromPPM(path.c_str()); }).find(path), std::string::npos)
+            << testing::PrintToString(bytes);
         EXPECT_EQ(t.data, nullptr);
     }
 }
 
-// Every prefix of a valid file fails cleanly or reads, the missing samples -1.
-TEST(ImageFiles, EveryTruncationOfAFileReadsOrFailsCleanly) {
+TEST(SaveImage, PitchedDeviceAndHostArraysRoundTripThroughTheFile) {
     TempDir dir;
-    const std::string whole = "P6\n# c\n3 2\n255\n" + std::string(18, '\x07');
-    const std::size_t headerSize = whole.size() - 18;
-    const std::string path = dir.file("cut.ppm");
-    for (std::size_t n = 0; n <= whole.size(); ++n) {
-        writeFile(path, whole.substr(0, n));
-        CTensor<float> t;
-        if (n < headerSize) {
-            EXPECT_THROW(t.readFromPPM(path.c_str()), std::runtime_error) << n;
-            continue;
-        }
-        t.readFromPPM(path.c_str());
-        for (std::size_t k = 0; k < 18; ++k)
-            ASSERT_EQ(t.data[(k % 3) * 6 + k / 3], k < n - headerSize ? 7.0f : -1.0f) << n << " " << k;
+    for (const bool device : {true, false}) {
+        DeviceBuffer<float> planes(make_uint4(5, 3, 3, 1), vela::PITCHED_LAYOUT, device);
+        std::vector<float> values(planes.count());
+        for (std::size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>((i * 37) % 256);
+        planes.upload(values);
+        const std::string path = dir.file(device ? "device.ppm" : "host.ppm");
+        vela::saveImage(planes.a3, path, false);
+        CTensor<float> back;
+        back.readFromPPM(path.c_str());
+        EXPECT_EQ(std::vector<float>(back.data, back.data + back.size()), values);
     }
+}
+
+TEST(SaveImage, NormalisationScalesBy255AndWrapsForBytes) {
+    TempDir dir;
+    DeviceBuffer<float> f(make_uint4(2, 1, 3, 1), vela::PITCHED_LAYOUT);
+    f.upload({0.5f, 1.0f, 0.0f, 0.1f, 0.2f, 0.3f});
+    vela::saveImage(f.a3, dir.file("f.ppm"), true);
+    // Pixels (0.5, 0, 0.2) and (1, 0.1, 0.3): 127.5 is truncated to 127, 25.5 to 25.
+    EXPECT_EQ(readFile(dir.file("f.ppm")), "P6 \n2 1 \n255\n\x7F\x00\x33\xFF\x19\x4C"s);
+
+    DeviceBuffer<unsigned char> b(make_uint4(2, 1, 3, 1), vela::PITCHED_LAYOUT);
+    b.upload({0, 1, 2, 3, 255, 128});
+    vela::saveImage(b.a3, dir.file("b.ppm"), true);
+    // Pixels (0, 2, 255) and (1, 3, 128) times 255 in 8 bits.
+    EXPECT_EQ(readFile(dir.file("b.ppm")), "P6 \n2 1 \n255\n\x00\xFE\x01\xFF\xFD\x80"s);
+
+    DeviceBuffer<float> grey(make_uint4(3, 1, 1, 1), vela::PITCHED_LAYOUT);
+    grey.upload({0.0f, 0.5f, 1.0f});
+    vela::saveImage(grey.a2, dir.file("g.pgm"), true);
+    EXPECT_EQ(readFile(dir.file("g.pgm")), "P5\n3 1\n255\n\x00\x7F\xFF"s);
+}
+
+TEST(SaveImage, RefusesOtherDepthsAndColourPathsForGreyImages) {
+    TempDir dir;
+    DeviceBuffer<float> two(make_uint4(640, 480, 2, 1), vela::PITCHED_LAYOUT),
+        grey(make_uint4(4, 4, 1, 1), vela::PITCHED_LAYOUT);
+    EXPECT_EQ(messageOf([&] { vela::saveImage(two.a3, dir.file("x.ppm"), false); }),
+              "\nvela/cmatrixlib_interface:221: saveImage() does not support writing color image from Array with "
+              "dimensions (640x480x2)");
+    EXPECT_EQ(messageOf([&] { vela::saveImage(grey.a2, dir.file("g.ppm"), false); }),
+              "Image file format not supported");
 }
 
 }  // namespace
