@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -101,12 +103,25 @@ TEST(TrackExport, WritesOneTrackPerPixelNumberedByFirstColourAndNeverAnInput) {
 
 // --- The program, run as its own process ----------------------------------------
 
-// Runs the built program in `folder`, its output kept in two files there.
+// Runs the built program in `folder`, its output kept in two files there.  No
+// shell: the arguments reach the program as they are.
 Output runProgram(const std::string& folder, const std::vector<std::string>& args) {
-    std::string command = "cd '" + folder + "' && '" DENSESEG_BINARY "'";
-    for (const std::string& a : args) command += " '" + a + "'";
-    const int status = std::system((command + " >.stdout 2>.stderr").c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder + "/.stdout"), readFile(folder + "/.stderr")};
+    const std::string out = folder + "/.stdout", err = folder + "/.stderr";
+    std::fflush(nullptr);  // nothing buffered here may be written twice
+    const pid_t child = fork();
+    if (child == 0) {
+        std::vector<char*> argv{const_cast<char*>(DENSESEG_BINARY)};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr) ||
+            chdir(folder.c_str()) != 0)
+            _exit(127);
+        execv(DENSESEG_BINARY, argv.data());
+        _exit(127);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
 }
 
 TEST(Usage, FewerThanFiveArgumentsPrintTheUsageText) {
