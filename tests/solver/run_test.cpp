@@ -1,28 +1,32 @@
-// PDseg::run() as a whole: every model against the plain reference solve,
-// the loop count rule, the hard labelling, the label limits and a small
-// segmentation whose answer is known.
+// PDseg::run() as a whole, and through it every kernel of the solver on both
+// host code paths: every model against the plain reference solve, the loop
+// count rule, the hard labelling, a segmentation whose answer is known, and
+// what it refuses.
 #include <gtest/gtest.h>
+#include <omp.h>
 
-#include <cmath>
 #include <stdexcept>
 #include <string>
 
 #include "reference.h"
+#include "src/PDseg_solver_ops.h"
 #include "vela/device/runtime.h"
 
 namespace solvertest {
 namespace {
 
-// A W x H image in 0..255 and an L-layer cost map with a few labelled pixels
-// (cost 0 for their label, 1 for the others) and zero cost elsewhere.
+// A W x H image of full contrast, each channel 0 or 255 (strong edges, so that
+// the tensor models' duals reach their bounds), and an L-layer cost map with a
+// few labelled pixels (cost 0 for their label, 1 for the others) and zero cost
+// elsewhere.
 struct Problem {
     Grid<float4> image;
     Grid<float> cost;
 };
 
 Problem randomProblem(unsigned int w, unsigned int h, unsigned int L) {
-    Problem pr{Grid<float4>(w, h), Grid<float>(w, h, L, 0.0f)};
-    for (auto& px : pr.image.data) px = make_float4(uniform(0, 255), uniform(0, 255), uniform(0, 255), 255.0f);
+    Problem pr{randomGrid<float4>(w, h, 1, 0.0f, 2.0f), Grid<float>(w, h, L, 0.0f)};
+    for (auto& px : pr.image.data) px = make_float4(px.x < 1 ? 0 : 255, px.y < 1 ? 0 : 255, px.z < 1 ? 0 : 255, 255);
     for (unsigned int y = 0; y < h; ++y)
         for (unsigned int x = 0; x < w; ++x) {
             if (uniform(0, 1) > 0.2f) continue;
@@ -33,150 +37,137 @@ Problem randomProblem(unsigned int w, unsigned int h, unsigned int L) {
 }
 
 struct Solved {
-    Grid<float> relaxed, hard, g;
+    Grid<float> relaxed, hard;
 };
 
-// Runs the solver on the device copy of a problem.
-Solved solve(const Problem& pr, int model, int iterations, int diffusivityType = 0, float alpha = 0.5f) {
-    DeviceArray<float4, 2> image(toDevice2(pr.image));
-    vela::Array<float, 3> cost = toDevice3(pr.cost);
+// Runs the solver twice on one object: the second run must start afresh and
+// give the same bytes (and replace the first run's weights, or a leak check
+// sees them lost).  Only the GPU's fused tiles may race.
+Solved solve(const Problem& pr, int model, int iterations, int diffusivityType = 0) {
+    auto image = upload<2>(pr.image);
+    vela::Array<float, 3> cost = toDevice<3>(pr.cost);
     ScopedPDseg seg(image.a, cost);  // takes the cost map over
     seg.model = static_cast<PDseg::SegmentationModel>(model);
     seg.nIterations = iterations;
     seg.diffusivityType = diffusivityType;
-    seg.alpha = alpha;
     seg.run();
-    return {toHost(seg.uResult), toHost(seg.u), toHost(seg.g)};
+    const Solved first{toHost(seg.uResult), toHost(seg.u)};
+    seg.run();
+    EXPECT_TRUE((model == 2 && vela::device::usesCuda()) ||
+                (sameBytes(toHost(seg.uResult), first.relaxed) && sameBytes(toHost(seg.u), first.hard)))
+        << "the second run differs";
+    return first;
 }
 
-void expectHard(const Grid<float>& u) {
-    for (unsigned int y = 0; y < u.H; ++y)
-        for (unsigned int x = 0; x < u.W; ++x) {
-            int ones = 0;
-            for (unsigned int l = 0; l < u.L; ++l) {
-                ASSERT_TRUE(u(x, y, l) == 0.0f || u(x, y, l) == 1.0f);
-                ones += u(x, y, l) == 1.0f;
+// The relaxed labelling lies on the simplex; the hard one holds one 1 per
+// pixel, at the first largest relaxed value.
+void expectConsistent(const Solved& s) {
+    for (unsigned int y = 0; y < s.hard.H; ++y)
+        for (unsigned int x = 0; x < s.hard.W; ++x) {
+            unsigned int best = 0;
+            double sum = 0;
+            for (unsigned int l = 0; l < s.hard.L; ++l) {
+                ASSERT_GE(s.relaxed(x, y, l), 0.0f) << x << ", " << y << ", " << l;
+                sum += s.relaxed(x, y, l);
+                if (s.relaxed(x, y, l) > s.relaxed(x, y, best)) best = l;
             }
-            ASSERT_EQ(ones, 1) << x << ", " << y;
+            ASSERT_NEAR(sum, 1.0, 1e-4) << x << ", " << y;
+            for (unsigned int l = 0; l < s.hard.L; ++l)
+                ASSERT_EQ(s.hard(x, y, l), l == best ? 1.0f : 0.0f) << x << ", " << y << ", " << l;
         }
 }
 
-class EveryModel : public ::testing::TestWithParam<int> {};
-
-TEST_P(EveryModel, FollowsTheReferenceForAFewIterations) {
-    const int model = GetParam();
-    if (model == 2 && vela::device::usesCuda()) GTEST_SKIP() << "the GPU orders the fused tiles itself";
-    ScratchDir scratch;  // models 3 and 4 write their gradient picture here
-    const Problem pr = randomProblem(37, 9, 3);
-    const Solved got = solve(pr, model, 4);
-    const Grid<float> want = refSolve(pr.image, pr.cost, model, 4, 10.0f, 0, 0.5f);
-    EXPECT_TRUE(near(got.relaxed, want, {1e-4f, 1e-3f})) << "model " << model;
-    Grid<float> hard = want;
-    refBinarize(hard);
-    EXPECT_TRUE(near(got.hard, hard)) << "model " << model;
-    expectHard(got.hard);
-}
-
-// No iteration leaves u = 1/L, and label 0 wins the tie; one label is all.
-TEST_P(EveryModel, ZeroOrNegativeIterationsAndASingleLabel) {
-    ScratchDir scratch;
-    const Problem pr = randomProblem(5, 3, 4);
-    for (int iterations : {0, -3}) {
-        const Solved got = solve(pr, GetParam(), iterations);
-        for (float v : got.relaxed.data) ASSERT_EQ(v, 0.25f);
-        for (unsigned int i = 0; i < 15; ++i) ASSERT_EQ(got.hard.data[i], 1.0f);
-        expectHard(got.hard);
-    }
-    const Solved one = solve(randomProblem(33, 3, 1), GetParam(), 3);
-    for (float v : one.relaxed.data) ASSERT_NEAR(v, 1.0f, 1e-6f);
-    for (float v : one.hard.data) ASSERT_EQ(v, 1.0f);
-}
-
-INSTANTIATE_TEST_SUITE_P(Models, EveryModel, ::testing::Values(0, 1, 2, 3, 4));
-
-TEST(Run, FusedModelGivesIdenticalBytesFromRunToRun) {
-    const Problem pr = randomProblem(70, 12, 5);
-    const Solved first = solve(pr, 2, 6), second = solve(pr, 2, 6);
-    if (!vela::device::usesCuda()) {
-        EXPECT_TRUE(sameBytes(first.relaxed, second.relaxed));
-    }
-    EXPECT_TRUE(sameBytes(first.hard, second.hard) || vela::device::usesCuda());
-}
-
-TEST(Run, ExponentialAndUnknownDiffusivities) {
-    const Problem pr = randomProblem(19, 5, 3);
-    const Solved exp = solve(pr, 1, 3, 1, 2.0f);
-    EXPECT_TRUE(near(exp.relaxed, refSolve(pr.image, pr.cost, 1, 3, 10.0f, 1, 2.0f), {1e-4f, 1e-3f}));
-    // No such diffusivity: the weights are plain 1 rather than undefined.
-    for (float v : solve(pr, 1, 3, 7).g.data) ASSERT_EQ(v, 1.0f);
-}
-
-TEST(Run, ManyLabelsWorkAndTooManyAreRefused) {
-    for (unsigned int L : {40u, 128u}) {
-        const Problem pr = randomProblem(13, 4, L);
-        const Solved weighted = solve(pr, 1, 3);
-        EXPECT_TRUE(near(weighted.relaxed, refSolve(pr.image, pr.cost, 1, 3, 10.0f, 0, 0.5f), {1e-4f, 1e-3f})) << L;
-        expectHard(weighted.hard);
-        const Solved fused = solve(pr, 2, 3);
-        if (!vela::device::usesCuda()) {
-            EXPECT_TRUE(near(fused.relaxed, refSolve(pr.image, pr.cost, 2, 3, 10.0f, 0, 0.5f), {1e-4f, 1e-3f})) << L;
+// Every model against the plain per-pixel solve for a few iterations: partly
+// filled blocks and tiles, a single pixel, column and row, label counts of
+// every capacity up to the limit, no iteration at all (u stays 1/L and label 0
+// wins the tie), the exponential diffusivity and an unknown one (plain weights
+// of 1), and enough iterations for the tensor models' duals to reach their
+// bounds.  On the host the row sweeps with one or three threads and the
+// per-thread kernels must give the same bytes.  The tensor models leave their
+// gradient picture.
+TEST(Run, EveryModelFollowsThePlainLoop) {
+    struct Case {
+        unsigned int W, H, L;
+        int iterations, diffusivity;
+    };
+    const Case cases[] = {{37, 9, 13, 4, 0}, {1, 5, 3, 4, 0},   {7, 1, 2, 4, 0},    {1, 1, 5, 3, 0}, {32, 4, 33, 3, 0},
+                          {33, 3, 1, 3, 0},  {13, 4, 40, 2, 0}, {13, 4, 128, 2, 0}, {5, 3, 4, 0, 0}, {5, 3, 4, -3, 0},
+                          {19, 5, 20, 3, 1}, {19, 5, 3, 3, 7},  {12, 8, 4, 40, 0}};
+    const int threads = omp_get_max_threads();
+    for (const Case& c : cases) {
+        const Problem pr = randomProblem(c.W, c.H, c.L);
+        for (int model = 0; model < 5; ++model) {
+            SCOPED_TRACE(std::to_string(c.W) + " x " + std::to_string(c.H) + " x " + std::to_string(c.L) + ", " +
+                         std::to_string(c.iterations) + " iterations, diffusivity " + std::to_string(c.diffusivity) +
+                         ", model " + std::to_string(model));
+            const Grid<float> want = refSolve(pr.image, pr.cost, model, c.iterations, c.diffusivity);
+            Grid<float> first;
+            // Rows with one thread, with three, then the per-thread kernels.
+            for (int path = 0; path < (vela::device::usesCuda() ? 1 : 3); ++path) {
+                ScratchDir scratch;
+                omp_set_num_threads(path == 1 ? 3 : 1);
+                seg::setHostSweep(path == 2 ? seg::HostSweep::Threads : seg::HostSweep::Rows);
+                const Solved got = solve(pr, model, c.iterations, c.diffusivity);
+                seg::setHostSweep(seg::HostSweep::Rows);
+                if (path == 0) first = got.relaxed;
+                // The GPU orders the fused tiles itself.
+                EXPECT_TRUE((model == 2 && vela::device::usesCuda()) || near(got.relaxed, want, 1e-4f, 1e-3f)) << path;
+                EXPECT_TRUE(sameBytes(got.relaxed, first)) << "host path " << path;
+                expectConsistent(got);
+                const std::string ppm = fileBytes("imageGradient.ppm");
+                const std::string header = "P6 \n" + std::to_string(c.W) + " " + std::to_string(c.H) + " \n255\n";
+                EXPECT_TRUE(model < 3 || (ppm.rfind(header, 0) == 0 && ppm.size() == header.size() + 3 * c.W * c.H))
+                    << "a gradient picture of " << ppm.size() << " bytes";
+            }
         }
-        expectHard(fused.hard);
     }
-    const Problem pr = randomProblem(3, 2, 129);
+    omp_set_num_threads(threads);
+}
+
+// A dark left half and a bright right half, labelled only in their centres:
+// the edge-weighted models put the boundary on the image edge.  (The tensor
+// models measure the label gradient along image structure, which a flat region
+// lacks, and leave the boundary open.)
+TEST(Run, EdgeWeightedModelsFindTwoRegionsLabelledAtTheirCentres) {
+    const unsigned int w = 24, h = 10;
+    Problem pr{Grid<float4>(w, h), Grid<float>(w, h, 2, 0.0f)};
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x)
+            pr.image(x, y) = x < w / 2 ? make_float4(40, 60, 50, 255) : make_float4(220, 200, 210, 255);
+    for (unsigned int y = 4; y < 6; ++y)
+        for (unsigned int x : {5u, 6u, 17u, 18u}) pr.cost(x, y, x < w / 2 ? 1 : 0) = 1.0f;
+    for (int model : {1, 2}) {
+        const Solved got = solve(pr, model, 100);
+        int wrong = 0;
+        for (unsigned int y = 0; y < h; ++y)
+            for (unsigned int x = 0; x < w; ++x) wrong += got.hard(x, y, x < w / 2 ? 0 : 1) != 1.0f;
+        EXPECT_EQ(wrong, 0) << "model " << model;
+    }
+}
+
+// More labels than the limit, an image of another size, and no cost map at
+// all, which writes only its error line and leaves the arrays alone.
+TEST(Run, RefusesWhatItCannotSolve) {
     try {
-        solve(pr, 1, 1);
-        FAIL() << "129 labels accepted";
+        solve(randomProblem(3, 2, 129), 1, 1);
+        ADD_FAILURE() << "129 labels accepted";
     } catch (const std::runtime_error& e) {
         const std::string text = e.what();
-        EXPECT_NE(text.find("129"), std::string::npos) << text;
-        EXPECT_NE(text.find("128"), std::string::npos) << text;
+        EXPECT_TRUE(text.find("129") != std::string::npos && text.find("128") != std::string::npos) << text;
     }
-}
+    auto image = upload<2>(Grid<float4>(6, 5));
+    vela::Array<float, 3> cost = toDevice<3>(Grid<float>(6, 4, 2));
+    ScopedPDseg wrongSize(image.a, cost);
+    EXPECT_THROW(wrongSize.run(), std::runtime_error);
 
-TEST(Run, WithoutACostMapOnlyTheErrorLineIsWritten) {
-    DeviceArray<float4, 2> image(toDevice2(Grid<float4>(4, 3)));
     ScopedPDseg seg(image.a);
-    const vela::Array<float, 3> u = seg.u, uResult = seg.uResult;
-    const vela::Array<float, 2> g = seg.g;
+    const void* before[] = {seg.u.data, seg.uResult.data, seg.g.data};
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
     seg.run();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "ERROR: PDseg::run(): No cost map is given\n");
-    EXPECT_EQ(seg.u.data, u.data);
-    EXPECT_EQ(seg.uResult.data, uResult.data);
-    EXPECT_EQ(seg.g.data, g.data);
-}
-
-TEST(Run, AnImageOfAnotherSizeIsRefused) {
-    const Problem pr = randomProblem(6, 4, 2);
-    DeviceArray<float4, 2> image(toDevice2(Grid<float4>(6, 5)));
-    vela::Array<float, 3> cost = toDevice3(pr.cost);
-    ScopedPDseg seg(image.a, cost);
-    EXPECT_THROW(seg.run(), std::runtime_error);
-}
-
-TEST(Run, TensorModelsLeaveTheirGradientPicture) {
-    for (int model : {3, 4}) {
-        ScratchDir scratch;
-        solve(randomProblem(6, 4, 2), model, 1);
-        const std::string ppm = fileBytes("imageGradient.ppm");
-        EXPECT_EQ(ppm.substr(0, 13), "P6 \n6 4 \n255\n") << "model " << model;
-        EXPECT_EQ(ppm.size(), 13u + 6 * 4 * 3) << "model " << model;
-    }
-}
-
-TEST(Run, SecondRunStartsAfreshAndReplacesTheWeights) {
-    const Problem pr = randomProblem(9, 5, 3);
-    DeviceArray<float4, 2> image(toDevice2(pr.image));
-    vela::Array<float, 3> cost = toDevice3(pr.cost);
-    ScopedPDseg seg(image.a, cost);
-    seg.nIterations = 5;
-    seg.run();
-    const Grid<float> first = toHost(seg.uResult);
-    seg.run();  // the leak check of the sanitizer build sees a lost first g
-    EXPECT_TRUE(sameBytes(toHost(seg.uResult), first));
+    EXPECT_TRUE(seg.u.data == before[0] && seg.uResult.data == before[1] && seg.g.data == before[2]);
 }
 
 }  // namespace

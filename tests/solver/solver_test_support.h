@@ -3,23 +3,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <random>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
-#include "vela/tools.h"
 
 namespace solvertest {
 
@@ -40,114 +35,58 @@ struct Grid {
     }
 };
 
-// A pitched device array that releases itself.
-template <class T, int N>
-struct DeviceArray {
-    vela::Array<T, N> a{};
-    DeviceArray() = default;
-    explicit DeviceArray(const vela::Array<T, N>& array) : a(array) {}
-    DeviceArray(const DeviceArray&) = delete;
-    DeviceArray& operator=(const DeviceArray&) = delete;
-    ~DeviceArray() { vela::freeArray(a); }
-};
-
 // A pitched device copy of a grid, 2-D (N = 2, one layer) or 3-D.
 template <int N, class T>
-vela::Array<T, N> toDevice(const Grid<T>& g) {
+vela::Array<T, N> toDevice(Grid<T> g) {
     auto d = vela::mallocDeviceArray<T>(make_uint4(g.W, g.H, g.L, 1), vela::PITCHED_LAYOUT);
-    Grid<T> copy = g;
-    auto src =
-        vela::internal::increaseArrayDimension(vela::arrayFromHostMemory(copy.data.data(), make_uint3(g.W, g.H, g.L)));
-    vela::arrayCopy(d, src);
+    vela::arrayCopy(
+        d, vela::internal::increaseArrayDimension(vela::arrayFromHostMemory(g.data.data(), make_uint3(g.W, g.H, g.L))));
     return vela::internal::decreaseArrayDimension<T, 4, N>(d);
 }
-template <class T>
-vela::Array<T, 3> toDevice3(const Grid<T>& g) {
-    return toDevice<3>(g);
-}
-template <class T>
-vela::Array<T, 2> toDevice2(const Grid<T>& g) {
-    return toDevice<2>(g);
+template <int N, class T>
+seg::ScopedArray<T, N> upload(const Grid<T>& g) {
+    return seg::ScopedArray<T, N>(toDevice<N>(g));
 }
 
 template <class T, int N>
 Grid<T> toHost(const vela::Array<T, N>& a) {
-    const unsigned int l = N == 3 ? vela::internal::component(a.extents, 2) : 1;
-    Grid<T> g(a.extents.x, a.extents.y, l);
+    Grid<T> g(a.extents.x, a.extents.y, N == 3 ? vela::internal::component(a.extents, 2) : 1);
     auto view = vela::arrayFromHostMemory(g.data.data(), make_uint3(g.W, g.H, g.L));
-    auto whole = vela::internal::increaseArrayDimension(a);
     auto dst = vela::internal::increaseArrayDimension(view);
-    vela::arrayCopy(dst, whole);
+    vela::arrayCopy(dst, vela::internal::increaseArrayDimension(a));
     return g;
 }
 
-inline std::mt19937& rng() {
+inline float uniform(float lo, float hi) {
     static std::mt19937 engine(20240611u);
-    return engine;
+    return std::uniform_real_distribution<float>(lo, hi)(engine);
 }
 
-inline float uniform(float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(rng()); }
-
-inline Grid<float> randomGrid(unsigned int w, unsigned int h, unsigned int l, float lo, float hi) {
-    Grid<float> g(w, h, l);
-    for (auto& v : g.data) v = uniform(lo, hi);
+// Every component of every element uniform in [lo, hi).
+template <class T = float>
+Grid<T> randomGrid(unsigned int w, unsigned int h, unsigned int l, float lo, float hi) {
+    Grid<T> g(w, h, l);
+    for (auto& v : g.data)
+        for (std::size_t c = 0; c < sizeof(T) / sizeof(float); ++c) reinterpret_cast<float*>(&v)[c] = uniform(lo, hi);
     return g;
 }
 
-inline Grid<float2> randomDuals(unsigned int w, unsigned int h, unsigned int l, float bound) {
-    Grid<float2> g(w, h, l);
-    for (auto& v : g.data) v = make_float2(uniform(-bound, bound), uniform(-bound, bound));
-    return g;
-}
-
-// Relaxed labellings: non-negative, summing to 1 per pixel.
-inline Grid<float> randomLabelling(unsigned int w, unsigned int h, unsigned int l) {
-    Grid<float> g = randomGrid(w, h, l, 0.0f, 1.0f);
-    for (unsigned int y = 0; y < h; ++y)
-        for (unsigned int x = 0; x < w; ++x) {
-            float sum = 0;
-            for (unsigned int k = 0; k < l; ++k) sum += g(x, y, k);
-            for (unsigned int k = 0; k < l; ++k) g(x, y, k) /= sum;
-        }
-    return g;
-}
-
-// Compares element by element with tolerance abs + |ref| * rel.  On failure the
-// message lists the first mismatches and the largest difference.
-struct Tolerance {
-    float abs = 1e-6f;
-    float rel = 1e-5f;
-};
-
-inline void components(float v, std::vector<float>& out) { out.push_back(v); }
-inline void components(float2 v, std::vector<float>& out) { out.insert(out.end(), {v.x, v.y}); }
-inline void components(float4 v, std::vector<float>& out) { out.insert(out.end(), {v.x, v.y, v.z, v.w}); }
-
+// Element by element, component by component, within abs + |want| * rel; on
+// failure the number of mismatches and the first of them.
 template <class T>
-::testing::AssertionResult near(const Grid<T>& got, const Grid<T>& ref, Tolerance tol = {}) {
-    if (got.W != ref.W || got.H != ref.H || got.L != ref.L) return ::testing::AssertionFailure() << "shapes differ";
-    std::ostringstream first;
-    int mismatches = 0;
-    double largest = 0;
-    std::size_t i = 0;
-    for (unsigned int l = 0; l < ref.L; ++l)
-        for (unsigned int y = 0; y < ref.H; ++y)
-            for (unsigned int x = 0; x < ref.W; ++x, ++i) {
-                std::vector<float> a, b;
-                components(got.data[i], a);
-                components(ref.data[i], b);
-                for (std::size_t c = 0; c < a.size(); ++c) {
-                    const double diff = std::fabs(static_cast<double>(a[c]) - b[c]);
-                    const bool bad = !(diff <= tol.abs + std::fabs(b[c]) * tol.rel);
-                    if (diff > largest || std::isnan(diff)) largest = std::isnan(diff) ? INFINITY : diff;
-                    if (bad && mismatches++ < 5)
-                        first << "\n  (" << x << ", " << y << ", " << l << ")[" << c << "]: got " << a[c] << ", want "
-                              << b[c];
-                }
-            }
-    if (mismatches == 0) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << mismatches << " mismatches in " << ref.W << " x " << ref.H << " x " << ref.L
-                                         << ", largest difference " << largest << first.str();
+::testing::AssertionResult near(const Grid<T>& got, const Grid<T>& want, float abs = 1e-6f, float rel = 1e-5f) {
+    if (got.W != want.W || got.H != want.H || got.L != want.L) return ::testing::AssertionFailure() << "shapes differ";
+    const std::size_t k = sizeof(T) / sizeof(float);
+    const float *a = reinterpret_cast<const float*>(got.data.data()),
+                *b = reinterpret_cast<const float*>(want.data.data());
+    std::size_t bad = 0, first = 0;
+    for (std::size_t i = 0; i < want.data.size() * k; ++i)
+        if (!(std::fabs(a[i] - b[i]) <= abs + std::fabs(b[i]) * rel) && bad++ == 0) first = i;
+    if (bad == 0) return ::testing::AssertionSuccess();
+    const std::size_t e = first / k;
+    return ::testing::AssertionFailure() << bad << " mismatches, the first at (" << e % want.W << ", "
+                                         << e / want.W % want.H << ", " << e / want.W / want.H << ")[" << first % k
+                                         << "]: got " << a[first] << ", want " << b[first];
 }
 
 template <class T>
@@ -166,37 +105,24 @@ struct ScopedPDseg : PDseg {
 };
 
 // Runs the enclosing scope in a fresh temporary directory, removed afterwards:
-// the solver writes "imageGradient.ppm" into the working directory.
-class ScratchDir {
- public:
-    ScratchDir() : previous_(std::filesystem::current_path()) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "solver_test_XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make a temporary directory");
-        path_ = pattern;
-        std::filesystem::current_path(path_);
+// the tensor models write "imageGradient.ppm" into the working directory.
+struct ScratchDir {
+    std::filesystem::path previous = std::filesystem::current_path(),
+                          path = std::filesystem::temp_directory_path() / ("solver_test_" + std::to_string(getpid()));
+    ScratchDir() {
+        std::filesystem::create_directory(path);
+        std::filesystem::current_path(path);
     }
     ~ScratchDir() {
         std::error_code ignored;
-        std::filesystem::current_path(previous_, ignored);
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::current_path(previous, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-
- private:
-    std::filesystem::path previous_, path_;
 };
 
-// The file's bytes, empty if it cannot be read.
 inline std::string fileBytes(const std::string& name) {
-    std::string bytes;
-    if (FILE* f = std::fopen(name.c_str(), "rb")) {
-        char buffer[4096];
-        std::size_t n;
-        while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes.append(buffer, n);
-        std::fclose(f);
-    }
-    return bytes;
+    std::ifstream in(name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 }  // namespace solvertest
