@@ -11,7 +11,6 @@ namespace {
 
 using vela::Array;
 using vela_test::DeviceBuffer;
-using vela_test::messageOf;
 
 std::vector<float> ramp(std::size_t n, float base) {
     std::vector<float> v(n);

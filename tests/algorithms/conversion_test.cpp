@@ -11,7 +11,6 @@
 namespace {
 
 using vela_test::DeviceBuffer;
-using vela_test::messageOf;
 
 // Odd sizes leave partial 32 x 4 blocks; both layouts, and the host loops
 // when both arrays are host arrays.

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/message_of.h"
 #include "vela/tools.h"
 
 namespace vela_test {
@@ -67,13 +68,5 @@ struct DeviceBuffer {
         return true;
     }
 };
-
-template <class F>
-std::string messageOf(F&& f) try {
-    f();
-    return "<no exception>";
-} catch (const std::exception& e) {
-    return e.what();
-}
 
 }  // namespace vela_test

@@ -70,7 +70,7 @@ TEST(MinMax, PartialTilesNeverReadSlotsOutsideTheArray) {
         EXPECT_EQ(vela::MinMax(small.a2, nullptr).y, 10) << vela::internal::str_extents(s);
     }
     DeviceBuffer<float> host(make_uint4(4, 4, 1, 1), vela::LINEAR_LAYOUT, false);
-    EXPECT_EQ(vela_test::messageOf([&] { vela::Min(host.a2, nullptr); }), "memory of the array must be on the device");
+    EXPECT_EQ(messageOf([&] { vela::Min(host.a2, nullptr); }), "memory of the array must be on the device");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
+#include "tests/support/message_of.h"
 
 namespace enginetest {
 
@@ -41,16 +42,6 @@ struct ScopedPDseg : PDseg {
         vela::freeArray(labelColors);
     }
 };
-
-template <class F>
-std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 inline bool same(const float4& a, const float4& b) { return a.x == b.x && a.y == b.y && a.z == b.z && a.w == b.w; }
 

@@ -20,7 +20,6 @@
 namespace {
 
 using vela_test::DeviceBuffer;
-using vela_test::messageOf;
 using namespace std::string_literals;
 
 // A fresh temporary directory, removed when the test ends.
