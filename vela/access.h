@@ -23,8 +23,8 @@ VELA_HD inline T& at(const Array<T, 1>& a, unsigned int x) {
 
 template <class T>
 VELA_HD inline T& at(const Array<T, 2>& a, unsigned int x, unsigned int y) {
-    return *internal::offsetBytes(a.data, std::size_t{static_cast<unsigned int>(x * sizeof(T))} +
-                                              std::size_t{y * a.strides.y});
+    return *internal::offsetBytes(a.data,
+                                  std::size_t{static_cast<unsigned int>(x * sizeof(T))} + std::size_t{y * a.strides.y});
 }
 
 template <class T>

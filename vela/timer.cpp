@@ -81,17 +81,26 @@ std::string formatTime(double ms, Format format) {
     if (format == AUTO || format == AUTO_WITH_COUNT)
         format = ms < 1000.0 ? MILLISECONDS : ms < 60000.0 ? SECONDS : ms < 3600000.0 ? MINUTES : HOURS;
     switch (format) {
-        case SECONDS: std::snprintf(text, sizeof text, "%.3f sec", ms / 1000.0); break;
-        case MINUTES: std::snprintf(text, sizeof text, "%.3f min", ms / 60000.0); break;
-        case HOURS: std::snprintf(text, sizeof text, "%.3f h", ms / 3600000.0); break;
+        case SECONDS:
+            std::snprintf(text, sizeof text, "%.3f sec", ms / 1000.0);
+            break;
+        case MINUTES:
+            std::snprintf(text, sizeof text, "%.3f min", ms / 60000.0);
+            break;
+        case HOURS:
+            std::snprintf(text, sizeof text, "%.3f h", ms / 3600000.0);
+            break;
         case HMS: {
             const double seconds = ms / 1000.0;
             const long hours = static_cast<long>(seconds / 3600.0);
             const long minutes = static_cast<long>((seconds - hours * 3600.0) / 60.0);
-            std::snprintf(text, sizeof text, "%ld:%02ld:%06.3f", hours, minutes, seconds - hours * 3600.0 - minutes * 60.0);
+            std::snprintf(text, sizeof text, "%ld:%02ld:%06.3f", hours, minutes,
+                          seconds - hours * 3600.0 - minutes * 60.0);
             break;
         }
-        default: std::snprintf(text, sizeof text, "%.3f msec", ms); break;
+        default:
+            std::snprintf(text, sizeof text, "%.3f msec", ms);
+            break;
     }
     return text;
 }

@@ -9,12 +9,12 @@ namespace vela::timer {
 
 // Unit of printed times, all with 3 decimals.
 enum Format {
-    MILLISECONDS = 0,  // " msec"
-    SECONDS = 1,       // " sec"
-    MINUTES = 2,       // " min"
-    HOURS = 3,         // " h"
-    HMS = 4,           // hours:minutes:seconds
-    AUTO = 5,          // the unit chosen by magnitude (1000, 60000, 3600000 ms)
+    MILLISECONDS = 0,     // " msec"
+    SECONDS = 1,          // " sec"
+    MINUTES = 2,          // " min"
+    HOURS = 3,            // " h"
+    HMS = 4,              // hours:minutes:seconds
+    AUTO = 5,             // the unit chosen by magnitude (1000, 60000, 3600000 ms)
     AUTO_WITH_COUNT = 6,  // AUTO, followed by the number of intervals and their mean
 };
 
@@ -26,7 +26,7 @@ enum Sorting {
 
 void reset(const std::string& name);  // total and count back to 0
 void start(const std::string& name);
-void stop(const std::string& name);   // waits for the device, adds the interval
+void stop(const std::string& name);  // waits for the device, adds the interval
 
 double milliseconds(const std::string& name);  // accumulated total; 0 for unknown names
 int count(const std::string& name);            // completed intervals

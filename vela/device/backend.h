@@ -10,7 +10,7 @@
 namespace vela::device::detail {
 
 class BackendImpl {
-   public:
+ public:
     virtual ~BackendImpl() = default;
     virtual int getDevice() = 0;
     virtual PitchedPtr malloc3D(std::size_t widthBytes, std::size_t height, std::size_t depth) = 0;

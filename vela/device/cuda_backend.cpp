@@ -10,7 +10,7 @@ namespace vela::device::detail {
 namespace {
 
 class CudaBackend final : public BackendImpl {
-   public:
+ public:
     int getDevice() override {
         int device = 0;
         cudaGetDevice(&device);

@@ -26,13 +26,12 @@ bool multiplyOverflows(std::size_t a, std::size_t b, std::size_t& out) {
 }
 
 class HostBackend final : public BackendImpl {
-   public:
+ public:
     int getDevice() override { return 0; }
 
     PitchedPtr malloc3D(std::size_t widthBytes, std::size_t height, std::size_t depth) override {
         PitchedPtr result{nullptr, 0, widthBytes, height};
-        const std::size_t pitch =
-            (widthBytes + kHostPitchAlignment - 1) / kHostPitchAlignment * kHostPitchAlignment;
+        const std::size_t pitch = (widthBytes + kHostPitchAlignment - 1) / kHostPitchAlignment * kHostPitchAlignment;
         std::size_t rows = 0, bytes = 0;
         if (widthBytes == 0 || height == 0 || depth == 0) return result;  // CUDA returns a null pointer too
         if (multiplyOverflows(height, depth, rows) || multiplyOverflows(rows, pitch, bytes)) {
@@ -78,15 +77,24 @@ class HostBackend final : public BackendImpl {
 
     const char* getErrorString(cudaError_t error) override {
         switch (error) {
-            case cudaSuccess: return "no error";
-            case cudaErrorInvalidValue: return "invalid argument";
-            case cudaErrorMemoryAllocation: return "out of memory";
-            case cudaErrorInvalidConfiguration: return "invalid configuration argument";
-            case cudaErrorInvalidPitchValue: return "invalid pitch argument";
-            case cudaErrorInvalidDevicePointer: return "invalid device pointer";
-            case cudaErrorNoDevice: return "no CUDA-capable device is detected";
-            case cudaErrorInvalidResourceHandle: return "invalid resource handle";
-            default: return "unrecognized error code";
+            case cudaSuccess:
+                return "no error";
+            case cudaErrorInvalidValue:
+                return "invalid argument";
+            case cudaErrorMemoryAllocation:
+                return "out of memory";
+            case cudaErrorInvalidConfiguration:
+                return "invalid configuration argument";
+            case cudaErrorInvalidPitchValue:
+                return "invalid pitch argument";
+            case cudaErrorInvalidDevicePointer:
+                return "invalid device pointer";
+            case cudaErrorNoDevice:
+                return "no CUDA-capable device is detected";
+            case cudaErrorInvalidResourceHandle:
+                return "invalid resource handle";
+            default:
+                return "unrecognized error code";
         }
     }
 
@@ -108,7 +116,7 @@ class HostBackend final : public BackendImpl {
     }
     void eventDestroy(void* e) override { delete static_cast<HostEvent*>(e); }
 
-   private:
+ private:
     void* allocate(std::size_t bytes) {
         // Rounded up so that aligned_alloc accepts the size; 512-byte aligned
         // like the start of a GPU allocation.

@@ -51,7 +51,7 @@ void free(void* p);
 void memcpy3D(const Copy3D& copy);
 void synchronize();
 
-cudaError_t getLastError();   // returns and clears the last error
+cudaError_t getLastError();     // returns and clears the last error
 cudaError_t peekAtLastError();  // returns it and leaves it set
 void setLastError(cudaError_t error);
 const char* getErrorString(cudaError_t error);
