@@ -16,6 +16,8 @@
 #include "image/CTensor.h"
 #include "src/PDseg.h"
 #include "src/config.h"
+#include "src/segment.h"
+#include "src/settings.h"
 #include "src/tracks.h"
 #include "src/utility.h"
 #include "vela/algorithms/basic.h"
@@ -168,18 +170,19 @@ bool makeResultFolder(const std::string& folder) {
 }
 
 int singleFrame(const std::string& imagePath, const std::string& trackPath, unsigned int frame,
-                const std::string& outputStem, const std::vector<std::string>& inputs, int maxiter, float lambda) {
+                const std::string& outputStem, const std::vector<std::string>& inputs,
+                const SegmentationSettings& settings) {
     if (!outputsAreFree(outputStem, inputs)) return 1;
     vela::ScopedArray<float4, 2> host(loadColorImage(imagePath));
     vela::ScopedArray<float4, 2> image(narrow<float4, 2>(
         vela::mallocDeviceArray<float4>(make_uint4(host.a.extents.x, host.a.extents.y, 1, 1), vela::PITCHED_LAYOUT)));
     vela::arrayCopy(image.a, host.a);
-    processFrame(outputStem, image.a, trackPath, frame, maxiter, lambda);
+    processFrame(outputStem, image.a, trackPath, frame, settings);
     return 0;
 }
 
 int wholeFolder(const std::string& imagePath, const std::string& trackPath, const std::string& resultFolder,
-                std::vector<std::string> inputs, int maxiter, float lambda) {
+                std::vector<std::string> inputs, const SegmentationSettings& settings) {
     const std::vector<std::string> parts = utility::getDFE(imagePath);
     // An image path without a folder lists the working directory.
     const std::string pattern = (parts[0].empty() ? std::string() : parts[0] + "/") + "*." + parts[2];
@@ -211,7 +214,7 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
             }
         }
         vela::arrayCopy(image.a, host.a);
-        processFrame(stems[i], image.a, trackPath, static_cast<unsigned int>(i), maxiter, lambda);
+        processFrame(stems[i], image.a, trackPath, static_cast<unsigned int>(i), settings);
     }
     return exportTracks(resultFolder, trackPath, inputs);
 }
@@ -234,14 +237,19 @@ int run(int argc, char** argv) {
     if (!makeResultFolder(resultFolder)) return 1;
 
     const std::string stem = utility::getDFE(argv[2])[1];
-    const float lambda = config["lambda"].floatValue();
-    const int maxiter = config["maxiter"].intValue();
+    SegmentationSettings settings;
+    std::string error;
+    if (!readSegmentationSettings(config, settings, error)) {
+        std::cerr << error << std::endl;
+        std::cout << kConfigFormatMessage << std::endl;
+        std::exit(255);
+    }
     const std::vector<std::string> inputs = {argv[1], imagePath, trackPath};
 
     if (frame >= 0)
-        return singleFrame(imagePath, trackPath, static_cast<unsigned int>(frame), resultFolder + stem, inputs, maxiter,
-                           lambda);
-    return wholeFolder(imagePath, trackPath, resultFolder, inputs, maxiter, lambda);
+        return singleFrame(imagePath, trackPath, static_cast<unsigned int>(frame), resultFolder + stem, inputs,
+                           settings);
+    return wholeFolder(imagePath, trackPath, resultFolder, inputs, settings);
 }
 
 }  // namespace
@@ -273,7 +281,7 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
 }
 
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
-                  unsigned int frame, int maxiter, float lambda) {
+                  unsigned int frame, const SegmentationSettings& settings) {
     const unsigned int w = image.extents.x, h = image.extents.y;
     vela::ScopedArray<float, 2> hostLabels(
         narrow<float, 2>(vela::mallocHostArray<float>(make_uint4(w, h, 1, 1), vela::LINEAR_LAYOUT)));
@@ -294,11 +302,8 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
 
     PDseg seg(image);
     ColourTablesOfFrame colourTables{seg};
-    seg.model = PDseg::WEIGHTED_TV;
-    seg.labelsToCostMap(labels.a, numLabels);
+    prepareSegmentation(seg, labels.a, numLabels, settings);
     if (!setLabelColors(seg, labelIds, frame)) return;
-    seg.lambda = lambda;
-    seg.nIterations = maxiter;
 
     vela::timer::reset("PDseg::run()");
     vela::timer::start("PDseg::runTotal()");

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "src/settings.h"
 #include "vela/tools.h"
 
 // Reads a colour image file (PPM) into a new host array of float4 pixels,
@@ -22,7 +23,7 @@ vela::Array<float4, 2> loadColorImage(const std::string& path);
 // outputStem + "_overlay.ppm".  A frame without usable track points writes
 // nothing.  Each label keeps its palette colour in every frame.
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
-                  unsigned int frame, int maxiter, float lambda);
+                  unsigned int frame, const SegmentationSettings& settings);
 
 // Turns every "*dense*.ppm" of `resultFolder` (which ends with "/") into one
 // track file named like `trackPath` in that folder: one track of length 1 per

@@ -1,0 +1,11 @@
+// The random-walker data term: for every label, the probability that a
+// random walker starting at a pixel first reaches a seed of that label, on
+// the pixel grid whose edges colour differences make hard to cross.
+#pragma once
+
+#include "src/PDseg.h"
+#include "src/settings.h"
+
+// Adds settings.dataWeight * -ln(p_l + 0.001) / -ln(0.001) to layer l of
+// seg.costMap, p_l being the walker probability of label l at each pixel.
+void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings);

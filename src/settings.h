@@ -1,0 +1,44 @@
+// The solver settings of one frame and how the configuration file sets them.
+//
+// "lambda" and "maxiter" are read as they always were: the record's number
+// slot as a float and as an int, whatever the type letter, 0 when absent.
+// Every other key here is optional and checked: an absent key keeps the
+// default below, so a file without them segments exactly as before, and a
+// value of the wrong type or out of range is refused with a line naming the
+// key.
+#pragma once
+
+#include <string>
+
+#include "src/config.h"
+
+// Where the per-label data cost comes from.
+enum class DataTerm : int {
+    // 0 for a seed's own label, 1 for the others, 0 everywhere without a seed.
+    SEEDS = 0,
+    // The seed costs plus, at every pixel, -ln of the label's random-walker
+    // probability, so unseeded pixels get a cost from the image too.
+    WALKER = 1,
+};
+
+struct SegmentationSettings {
+    float lambda = 0.0f;                  // "lambda": weight of the data term
+    int maxiter = 0;                      // "maxiter": primal-dual iterations
+    int model = 1;                        // "model": PDseg::SegmentationModel, 0 to 4
+    int diffusivity = 0;                  // "diffusivity": edge weights of models 1 and 2, 0 standard, 1 exponential
+    float alpha = 0.5f;                   // "alpha": parameter of the exponential diffusivity
+    DataTerm dataTerm = DataTerm::SEEDS;  // "dataTerm": "seeds" or "walker"
+    float dataWeight = 1.0f;              // "dataWeight": weight of the walker cost against the seed cost
+    float walkerBeta = 500.0f;            // "walkerBeta": how sharply colour edges cut the walker's graph
+    int walkerIterations = 400;           // "walkerIterations": most conjugate-gradient iterations per label
+    float walkerTolerance = 1e-3f;        // "walkerTolerance": relative residual at which they stop
+};
+
+// Reads the settings from `config` into `settings`.  False, with `error`
+// naming the key and what it takes, on the first bad value.
+bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings, std::string& error);
+
+// The checked readers behind it, for other optional keys: an absent key
+// leaves `value` as it is; true when the key is absent or valid.
+bool readIntKey(ConfigMap& config, const std::string& key, int min, int max, int& value, std::string& error);
+bool readFloatKey(ConfigMap& config, const std::string& key, float min, float max, float& value, std::string& error);
