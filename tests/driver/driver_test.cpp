@@ -232,6 +232,16 @@ TEST_F(Sequence, WholeFolderSegmentsEveryFrameAndExportsTheTracks) {
     EXPECT_EQ(readFile(results + "t.dat"), tracks);
 }
 
+// The walker data term and the other solver keys reach the frame.
+TEST_F(Sequence, SolverKeysFromTheConfiguration) {
+    folder.write("walker.cfg",
+                 "s dataDir data\ns tracksDir tracks\ns resultDir out\nf lambda 100\ni maxiter 100\n"
+                 "s dataTerm walker\ni model 2\ni diffusivity 1\nf alpha 0.5\n");
+    const Output run = runProgram(folder.str(), {"walker.cfg", "f0.ppm", "t.dat", "0", "walker"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    expectHalves(folder / "out/walker/f0_dense.ppm");
+}
+
 TEST_F(Sequence, OneFrameTakesTheLeadingDigitsOfItsIndex) {
     const Output run = runProgram(folder.str(), {"cfg", "f0.ppm", "t.dat", "1abc", "single"});
     ASSERT_EQ(run.status, 0) << run.err;
@@ -251,6 +261,10 @@ TEST_F(Sequence, FailuresEndTheRunBeforeAnythingIsWrittenOverOrOfAnotherSize) {
     const Output noConfig = runProgram(folder.str(), {"absent.cfg", "f0.ppm", "t.dat", "0", "x"});
     EXPECT_EQ(noConfig.status, 255);
     EXPECT_EQ(noConfig.out, "Input Format- <i|f|c|s> <key> <value>, use # for comments\n");
+    folder.write("bad.cfg", "f lambda 5\ni maxiter 10\ns dataTerm colour\n");
+    const Output badKey = runProgram(folder.str(), {"bad.cfg", "f0.ppm", "t.dat", "0", "x"});
+    EXPECT_EQ(badKey.status, 255);
+    EXPECT_NE(badKey.err.find("configuration key \"dataTerm\""), std::string::npos) << badKey.err;
     const Output noImage = runProgram(folder.str(), {"cfg", "absent.ppm", "t.dat", "0", "x"});
     EXPECT_EQ(noImage.status, 1);
     EXPECT_NE(noImage.err.find("data/absent.ppm"), std::string::npos) << noImage.err;

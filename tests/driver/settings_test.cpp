@@ -1,0 +1,67 @@
+// The solver settings the configuration file sets.
+#include "src/settings.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/driver/test_files.h"
+
+namespace {
+
+using driver_test::ScratchFolder;
+
+bool read(const std::string& contents, SegmentationSettings& settings, std::string& error) {
+    static const ScratchFolder folder("settings");
+    ConfigMap config = loadConfigINI(folder.write("cfg", contents));
+    return readSegmentationSettings(config, settings, error);
+}
+
+TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
+    SegmentationSettings s;
+    std::string error;
+    ASSERT_TRUE(read("s dataDir d\n", s, error)) << error;
+    EXPECT_TRUE(s.lambda == 0.0f && s.maxiter == 0 && s.model == 1 && s.diffusivity == 0 && s.alpha == 0.5f &&
+                s.dataTerm == DataTerm::SEEDS);
+
+    // lambda and maxiter are read as they always were, whatever the letter.
+    ASSERT_TRUE(read("i lambda 1065353216\nf maxiter 0\n", s, error)) << error;
+    EXPECT_TRUE(s.lambda == 1.0f && s.maxiter == 0);
+
+    ASSERT_TRUE(
+        read("f lambda 100\ni maxiter 500\ni model 4\ni diffusivity 1\nf alpha 2\ns dataTerm walker\n"
+             "f dataWeight 1.5\nf walkerBeta 250\ni walkerIterations 30\nf walkerTolerance 0.01\n",
+             s, error))
+        << error;
+    EXPECT_TRUE(s.lambda == 100.0f && s.maxiter == 500 && s.model == 4 && s.diffusivity == 1 && s.alpha == 2.0f &&
+                s.dataTerm == DataTerm::WALKER && s.dataWeight == 1.5f && s.walkerBeta == 250.0f &&
+                s.walkerIterations == 30 && s.walkerTolerance == 0.01f);
+}
+
+TEST(Settings, ABadValueNamesItsKeyAndLeavesTheSettingsAlone) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"i model 5\n", "configuration key \"model\": expected \"i model <n>\" with n from 0 to 4, got \"i model 5\""},
+        {"f model 1\n", "key \"model\""},
+        {"i diffusivity -1\n", "key \"diffusivity\""},
+        {"f alpha 0\n", "key \"alpha\""},
+        {"s dataTerm colour\n",
+         "configuration key \"dataTerm\": expected \"s dataTerm seeds\" or \"s dataTerm walker\", got \"s dataTerm "
+         "colour\""},
+        {"i dataTerm 1\n", "key \"dataTerm\""},
+        {"f dataWeight -1\n", "key \"dataWeight\""},
+        {"i walkerBeta 500\n", "key \"walkerBeta\""},
+        {"i walkerIterations -3\n", "key \"walkerIterations\""},
+        {"f walkerTolerance 2\n", "key \"walkerTolerance\""},
+    };
+    for (const auto& [contents, message] : cases) {
+        SegmentationSettings s;
+        s.model = 3;
+        std::string error;
+        EXPECT_FALSE(read("i model 2\n" + contents, s, error)) << contents;
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+        EXPECT_EQ(s.model, 3) << contents;
+    }
+}
+
+}  // namespace
