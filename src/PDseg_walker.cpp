@@ -1,10 +1,12 @@
 #include "src/PDseg_walker.h"
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "src/PDseg_solver_ops.h"
 #include "src/engine_arrays.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
@@ -131,6 +133,14 @@ struct walkerWeights_kernel {
     }
 };
 
+// The arrays of the solve; x, r, p and q are W x H x L.
+struct WalkerArrays {
+    vela::Array<float, 3> x, r, p, q;
+    vela::Array<float, 2> labels;
+    vela::Array<float2, 2> weights;
+    vela::Array<float, 2> degree;
+};
+
 // sum_j w_ij v_j over the 4 neighbours j of (x, y), in one fixed order.
 template <class Value>
 VELA_HD inline float neighbourSum(const vela::Array<float2, 2>& weights, unsigned int x, unsigned int y, Value value) {
@@ -144,114 +154,114 @@ VELA_HD inline float neighbourSum(const vela::Array<float2, 2>& weights, unsigne
     return sum;
 }
 
+// The per-pixel steps, run by the kernels below on the device and by row
+// loops on the host.  Each returns what it adds to the label's sums.
+
 // Seeds fix x; elsewhere x starts at 0, so the residual is the right-hand
-// side, the pull of the neighbouring seeds of the label.  p = r / degree.
-// Sums r.z and r.r.
+// side, the pull of the neighbouring seeds of the label, and p = r / degree.
+// Adds r.z and r.r.
+VELA_HD inline float2 startAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l) {
+    const unsigned int nLabels = a.x.extents.z;
+    const int seed = seedOf(a.labels, x, y, nLabels);
+    float residual = 0.0f, direction = 0.0f;
+    if (seed >= 0) {
+        vela::at(a.x, x, y, l) = seed == static_cast<int>(l) ? 1.0f : 0.0f;
+    } else {
+        vela::at(a.x, x, y, l) = 0.0f;
+        residual = neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) {
+            return seedOf(a.labels, i, j, nLabels) == static_cast<int>(l) ? 1.0f : 0.0f;
+        });
+        direction = residual / vela::at(a.degree, x, y);
+    }
+    vela::at(a.r, x, y, l) = residual;
+    vela::at(a.p, x, y, l) = direction;
+    return make_float2(residual * direction, residual * residual);
+}
+
+// q = A p on the unseeded pixels (p is 0 at the seeds).  Adds p.q.
+VELA_HD inline float applyAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l) {
+    float value = 0.0f, pq = 0.0f;
+    if (seedOf(a.labels, x, y, a.x.extents.z) < 0) {
+        const float here = vela::at(a.p, x, y, l);
+        value = vela::at(a.degree, x, y) * here -
+                neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) { return vela::at(a.p, i, j, l); });
+        pq = here * value;
+    }
+    vela::at(a.q, x, y, l) = value;
+    return pq;
+}
+
+// x += alpha p and r -= alpha q on the unseeded pixels.  Adds r.z and r.r,
+// z = r / degree.
+VELA_HD inline float2 stepAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float alpha) {
+    if (seedOf(a.labels, x, y, a.x.extents.z) >= 0) return make_float2(0.0f, 0.0f);
+    vela::at(a.x, x, y, l) += alpha * vela::at(a.p, x, y, l);
+    const float residual = vela::at(a.r, x, y, l) - alpha * vela::at(a.q, x, y, l);
+    vela::at(a.r, x, y, l) = residual;
+    return make_float2(residual * residual / vela::at(a.degree, x, y), residual * residual);
+}
+
+// p = r / degree + beta p on the unseeded pixels.
+VELA_HD inline void directionAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float beta) {
+    if (seedOf(a.labels, x, y, a.x.extents.z) >= 0) return;
+    float& direction = vela::at(a.p, x, y, l);
+    direction = vela::at(a.r, x, y, l) / vela::at(a.degree, x, y) + beta * direction;
+}
+
+// Block sums of what a step adds, one or two values per thread.
+VELA_HD inline void storeSums(BlockSums<2>& s, unsigned int thread, float2 v) {
+    s.v[0][thread] = v.x;
+    s.v[1][thread] = v.y;
+}
+VELA_HD inline void storeSums(BlockSums<1>& s, unsigned int thread, float v) { s.v[0][thread] = v; }
+
 struct walkerStart_kernel {
     using Shared = BlockSums<2>;
     struct Local {};
     static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, vela::Array<float, 3> x,
-                            vela::Array<float, 3> r, vela::Array<float, 3> p, vela::Array<float, 2> labels,
-                            vela::Array<float2, 2> weights, vela::Array<float, 2> degree,
+    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
                             vela::Array<float, 3> partial) const {
-        const Pixel px = pixelOf(t, make_uint2(x.extents.x, x.extents.y));
-        if (phase == 0) {
-            float rz = 0.0f, rr = 0.0f;
-            if (px.inside) {
-                const unsigned int nLabels = x.extents.z;
-                const int seed = seedOf(labels, px.x, px.y, nLabels);
-                float residual = 0.0f, direction = 0.0f;
-                if (seed >= 0) {
-                    vela::at(x, px.x, px.y, px.label) = seed == static_cast<int>(px.label) ? 1.0f : 0.0f;
-                } else {
-                    vela::at(x, px.x, px.y, px.label) = 0.0f;
-                    residual = neighbourSum(weights, px.x, px.y, [&](unsigned int i, unsigned int j) {
-                        return seedOf(labels, i, j, nLabels) == static_cast<int>(px.label) ? 1.0f : 0.0f;
-                    });
-                    direction = residual / vela::at(degree, px.x, px.y);
-                }
-                vela::at(r, px.x, px.y, px.label) = residual;
-                vela::at(p, px.x, px.y, px.label) = direction;
-                rz = residual * direction;
-                rr = residual * residual;
-            }
-            s.v[0][px.thread] = rz;
-            s.v[1][px.thread] = rr;
-            return;
-        }
-        foldBlockSums(phase, px, s, partial);
+        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
+        if (phase == 0)
+            storeSums(s, px.thread, px.inside ? startAt(a, px.x, px.y, px.label) : make_float2(0.0f, 0.0f));
+        else
+            foldBlockSums(phase, px, s, partial);
     }
 };
 
-// q = A p on the unseeded pixels (p is 0 at the seeds); sums p.q.
 struct walkerApply_kernel {
     using Shared = BlockSums<1>;
     struct Local {};
     static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, vela::Array<float, 3> q,
-                            vela::Array<float, 3> p, vela::Array<float, 2> labels, vela::Array<float2, 2> weights,
-                            vela::Array<float, 2> degree, vela::Array<float, 3> partial) const {
-        const Pixel px = pixelOf(t, make_uint2(q.extents.x, q.extents.y));
-        if (phase == 0) {
-            float pq = 0.0f;
-            if (px.inside) {
-                float value = 0.0f;
-                if (seedOf(labels, px.x, px.y, q.extents.z) < 0) {
-                    const float here = vela::at(p, px.x, px.y, px.label);
-                    value = vela::at(degree, px.x, px.y) * here -
-                            neighbourSum(weights, px.x, px.y,
-                                         [&](unsigned int i, unsigned int j) { return vela::at(p, i, j, px.label); });
-                    pq = here * value;
-                }
-                vela::at(q, px.x, px.y, px.label) = value;
-            }
-            s.v[0][px.thread] = pq;
-            return;
-        }
-        foldBlockSums(phase, px, s, partial);
+    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
+                            vela::Array<float, 3> partial) const {
+        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
+        if (phase == 0)
+            storeSums(s, px.thread, px.inside ? applyAt(a, px.x, px.y, px.label) : 0.0f);
+        else
+            foldBlockSums(phase, px, s, partial);
     }
 };
 
-// x += alpha p, r -= alpha q on the unseeded pixels; sums r.z and r.r with
-// z = r / degree.
 struct walkerStep_kernel {
     using Shared = BlockSums<2>;
     struct Local {};
     static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, vela::Array<float, 3> x,
-                            vela::Array<float, 3> r, vela::Array<float, 3> p, vela::Array<float, 3> q,
-                            vela::Array<float, 2> labels, vela::Array<float, 2> degree, vela::Array<float, 1> alpha,
+    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a, vela::Array<float, 1> alpha,
                             vela::Array<float, 3> partial) const {
-        const Pixel px = pixelOf(t, make_uint2(x.extents.x, x.extents.y));
-        if (phase == 0) {
-            float rz = 0.0f, rr = 0.0f;
-            if (px.inside && seedOf(labels, px.x, px.y, x.extents.z) < 0) {
-                const float a = vela::at(alpha, px.label);
-                vela::at(x, px.x, px.y, px.label) += a * vela::at(p, px.x, px.y, px.label);
-                const float residual = vela::at(r, px.x, px.y, px.label) - a * vela::at(q, px.x, px.y, px.label);
-                vela::at(r, px.x, px.y, px.label) = residual;
-                rz = residual * residual / vela::at(degree, px.x, px.y);
-                rr = residual * residual;
-            }
-            s.v[0][px.thread] = rz;
-            s.v[1][px.thread] = rr;
-            return;
-        }
-        foldBlockSums(phase, px, s, partial);
+        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
+        if (phase == 0)
+            storeSums(s, px.thread,
+                      px.inside ? stepAt(a, px.x, px.y, px.label, vela::at(alpha, px.label)) : make_float2(0.0f, 0.0f));
+        else
+            foldBlockSums(phase, px, s, partial);
     }
 };
 
-// p = r / degree + beta p on the unseeded pixels.
 struct walkerDirection_kernel {
-    VELA_HD void operator()(const Thread& t, vela::Array<float, 3> p, vela::Array<float, 3> r,
-                            vela::Array<float, 2> labels, vela::Array<float, 2> degree,
-                            vela::Array<float, 1> beta) const {
-        const Pixel px = pixelOf(t, make_uint2(p.extents.x, p.extents.y));
-        if (!px.inside || seedOf(labels, px.x, px.y, p.extents.z) >= 0) return;
-        float& direction = vela::at(p, px.x, px.y, px.label);
-        direction =
-            vela::at(r, px.x, px.y, px.label) / vela::at(degree, px.x, px.y) + vela::at(beta, px.label) * direction;
+    VELA_HD void operator()(const Thread& t, WalkerArrays a, vela::Array<float, 1> beta) const {
+        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
+        if (px.inside) directionAt(a, px.x, px.y, px.label, vela::at(beta, px.label));
     }
 };
 
@@ -273,7 +283,16 @@ struct walkerCost_kernel {
 
 void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
 
-// The per-label block sums of a reducing launch, added up in double.
+// Per-label sums of the two values a step adds (the second is 0 for steps
+// that add one), in double.
+struct LabelSums {
+    std::vector<double> first, second;
+};
+
+VELA_HD inline float2 asPair(float2 v) { return v; }
+VELA_HD inline float2 asPair(float v) { return make_float2(v, 0.0f); }
+
+// The per-label block sums of a reducing launch, added up.
 class BlockSumReader {
  public:
     BlockSumReader(unsigned int blocks, unsigned int labels, unsigned int values)
@@ -283,13 +302,16 @@ class BlockSumReader {
 
     const vela::Array<float, 3>& partial() const { return device_.a; }
 
-    // sums[l] of value n.
-    std::vector<double> sums(unsigned int n) {
-        if (n == 0) vela::arrayCopy(host_.a, device_.a);
-        std::vector<double> out(host_.a.extents.y, 0.0);
-        for (unsigned int l = 0; l < host_.a.extents.y; ++l)
-            for (unsigned int b = 0; b < host_.a.extents.x; ++b) out[l] += vela::at(host_.a, b, l, n);
-        return out;
+    LabelSums read() {
+        vela::arrayCopy(host_.a, device_.a);
+        const unsigned int blocks = host_.a.extents.x, labels = host_.a.extents.y;
+        LabelSums sums{std::vector<double>(labels, 0.0), std::vector<double>(labels, 0.0)};
+        for (unsigned int l = 0; l < labels; ++l)
+            for (unsigned int b = 0; b < blocks; ++b) {
+                sums.first[l] += vela::at(host_.a, b, l, 0u);
+                if (host_.a.extents.z > 1) sums.second[l] += vela::at(host_.a, b, l, 1u);
+            }
+        return sums;
     }
 
  private:
@@ -300,7 +322,7 @@ class BlockSumReader {
 // One coefficient per label, copied to the device for the next launch.
 class LabelCoefficients {
  public:
-    explicit LabelCoefficients(unsigned int labels) : device_(seg::deviceArray1D<float>(labels)), host_(labels, 0.0f) {}
+    explicit LabelCoefficients(unsigned int labels) : device_(seg::deviceArray1D<float>(labels)), host_(labels) {}
     const vela::Array<float, 1>& upload() {
         vela::arrayCopy(device_.a, seg::hostView1D(host_.data(), static_cast<unsigned int>(host_.size())));
         return device_.a;
@@ -312,14 +334,114 @@ class LabelCoefficients {
     std::vector<float> host_;
 };
 
+// The steps of the solve over every pixel and label.  The cuda backend runs
+// the kernels above, in 32 x 8 blocks with one label per grid layer; the
+// host backend runs the same per-pixel steps as row loops by default (the
+// kernels' blocks cost it several times more), summing each row in double.
+class WalkerSteps {
+ public:
+    explicit WalkerSteps(const WalkerArrays& a)
+        : a_(a),
+          block_(kBlockX, kBlockY),
+          grid_(vela::device::blocksFor(a.x.extents.x, kBlockX), vela::device::blocksFor(a.x.extents.y, kBlockY),
+                a.x.extents.z),
+          sums_(grid_.x * grid_.y, grid_.z, 2),
+          coefficients_(grid_.z) {}
+
+    LabelSums start() {
+        return reduce([&] { launch<walkerStart_kernel>(sums_.partial()); },
+                      [&](unsigned int x, unsigned int y, unsigned int l) { return startAt(a_, x, y, l); });
+    }
+    LabelSums apply() {
+        return reduce([&] { launch<walkerApply_kernel>(sums_.partial()); },
+                      [&](unsigned int x, unsigned int y, unsigned int l) { return applyAt(a_, x, y, l); });
+    }
+    LabelSums step(const std::vector<float>& alpha) {
+        setCoefficients(alpha);
+        return reduce([&] { launch<walkerStep_kernel>(coefficients_.upload(), sums_.partial()); },
+                      [&](unsigned int x, unsigned int y, unsigned int l) { return stepAt(a_, x, y, l, alpha[l]); });
+    }
+    void direction(const std::vector<float>& beta) {
+        setCoefficients(beta);
+        vela::device::hostOrDevice(
+            [&] {
+                if (seg::hostSweep() != seg::HostSweep::Rows)
+                    return launch<walkerDirection_kernel>(coefficients_.upload());
+                forEachRow([&](unsigned int y, unsigned int l) {
+                    for (unsigned int x = 0; x < a_.x.extents.x; ++x) directionAt(a_, x, y, l, beta[l]);
+                });
+            },
+            [&] { launch<walkerDirection_kernel>(coefficients_.upload()); });
+        check(__LINE__);
+    }
+
+ private:
+    template <class K, class... Extra>
+    void launch(const Extra&... extra) {
+        vela::device::launch<K>(grid_, block_, nullptr, a_, extra...);
+    }
+
+    void setCoefficients(const std::vector<float>& values) {
+        for (unsigned int l = 0; l < grid_.z; ++l) coefficients_[l] = values[l];
+    }
+
+    template <class Body>
+    void forEachRow(const Body& body) {
+        const long long rows = static_cast<long long>(a_.x.extents.y) * a_.x.extents.z;
+        VELA_PRAGMA_OMP(omp parallel for schedule(static))
+        for (long long row = 0; row < rows; ++row)
+            body(static_cast<unsigned int>(row % a_.x.extents.y), static_cast<unsigned int>(row / a_.x.extents.y));
+    }
+
+    template <class Kernel, class Step>
+    LabelSums reduce(const Kernel& kernel, const Step& step) {
+        LabelSums sums;
+        auto onDevice = [&] {
+            kernel();
+            check(__LINE__);
+            sums = sums_.read();
+        };
+        vela::device::hostOrDevice(
+            [&] {
+                if (seg::hostSweep() != seg::HostSweep::Rows) return onDevice();
+                const unsigned int h = a_.x.extents.y, labels = a_.x.extents.z;
+                std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
+                forEachRow([&](unsigned int y, unsigned int l) {
+                    double s0 = 0.0, s1 = 0.0;
+                    for (unsigned int x = 0; x < a_.x.extents.x; ++x) {
+                        const float2 v = asPair(step(x, y, l));
+                        s0 += v.x;
+                        s1 += v.y;
+                    }
+                    first[static_cast<std::size_t>(l) * h + y] = s0;
+                    second[static_cast<std::size_t>(l) * h + y] = s1;
+                });
+                sums = LabelSums{std::vector<double>(labels, 0.0), std::vector<double>(labels, 0.0)};
+                for (unsigned int l = 0; l < labels; ++l)
+                    for (unsigned int y = 0; y < h; ++y) {
+                        sums.first[l] += first[static_cast<std::size_t>(l) * h + y];
+                        sums.second[l] += second[static_cast<std::size_t>(l) * h + y];
+                    }
+            },
+            onDevice);
+        return sums;
+    }
+
+    WalkerArrays a_;
+    dim3 block_, grid_;
+    BlockSumReader sums_;
+    LabelCoefficients coefficients_;
+};
+
 // The weight scale of the usual random-walker formulation.
 float edgeScale(const vela::Array<float4, 2>& image, dim3 grid, dim3 block, float beta) {
     BlockSumReader moments(grid.x * grid.y, 1, 2);
     vela::device::launch<walkerImageMoments_kernel>(grid, block, nullptr, image, moments.partial());
     check(__LINE__);
+    const LabelSums sums = moments.read();
     const double values = 3.0 * image.extents.x * image.extents.y;
-    const double mean = moments.sums(0)[0] / values;
-    const double variance = std::max(0.0, moments.sums(1)[0] / values - mean * mean);
+    const double mean = sums.first[0] / values;
+    const double variance = std::max(0.0, sums.second[0] / values - mean * mean);
     const double sd = std::sqrt(variance);
     // A flat image has no edges to respect: all weights equal.
     if (sd < 1e-12) return 0.0f;
@@ -339,9 +461,6 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
 
     const dim3 block(kBlockX, kBlockY);
     const dim3 pixels(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
-    const dim3 labelled(pixels.x, pixels.y, nLabels);
-    const unsigned int blocks = pixels.x * pixels.y;
-
     vela::ScopedArray<float2, 2> weights(seg::deviceArray2D<float2>(w, h));
     vela::ScopedArray<float, 2> degree(seg::deviceArray2D<float>(w, h));
     const float scale = edgeScale(seg.image, pixels, block, settings.walkerBeta);
@@ -352,42 +471,36 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     vela::ScopedArray<float, 3> r(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> p(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> q(seg::deviceArray3D<float>(w, h, nLabels));
-    BlockSumReader sums(blocks, nLabels, 2);
-    LabelCoefficients coefficients(nLabels);
+    WalkerSteps steps(WalkerArrays{x.a, r.a, p.a, q.a, labels, weights.a, degree.a});
 
-    vela::device::launch<walkerStart_kernel>(labelled, block, nullptr, x.a, r.a, p.a, labels, weights.a, degree.a,
-                                             sums.partial());
-    check(__LINE__);
-    std::vector<double> rz = sums.sums(0), rr = sums.sums(1);
-    const std::vector<double> rhs = rr;
+    // Preconditioned conjugate gradients, every label's system at once; a
+    // label stops counting once its residual is below the tolerance relative
+    // to its right-hand side, and the loop stops when all have.
+    LabelSums sums = steps.start();
+    std::vector<double> rz = sums.first;
+    const std::vector<double> rhs = sums.second;
+    std::vector<double> rr = sums.second;
     const double tolerance = static_cast<double>(settings.walkerTolerance) * settings.walkerTolerance;
     auto converged = [&] {
         for (unsigned int l = 0; l < nLabels; ++l)
             if (rr[l] > tolerance * rhs[l]) return false;
         return true;
     };
-
+    std::vector<float> coefficient(nLabels);
     for (int iteration = 0; iteration < settings.walkerIterations && !converged(); ++iteration) {
-        vela::device::launch<walkerApply_kernel>(labelled, block, nullptr, q.a, p.a, labels, weights.a, degree.a,
-                                                 sums.partial());
-        check(__LINE__);
-        const std::vector<double> pq = sums.sums(0);
+        const std::vector<double> pq = steps.apply().first;
         for (unsigned int l = 0; l < nLabels; ++l)
-            coefficients[l] = pq[l] > 0.0 ? static_cast<float>(rz[l] / pq[l]) : 0.0f;
-        vela::device::launch<walkerStep_kernel>(labelled, block, nullptr, x.a, r.a, p.a, q.a, labels, degree.a,
-                                                coefficients.upload(), sums.partial());
-        check(__LINE__);
-        const std::vector<double> rzNext = sums.sums(0);
-        rr = sums.sums(1);
+            coefficient[l] = pq[l] > 0.0 ? static_cast<float>(rz[l] / pq[l]) : 0.0f;
+        sums = steps.step(coefficient);
+        rr = sums.second;
         for (unsigned int l = 0; l < nLabels; ++l) {
-            coefficients[l] = rz[l] > 0.0 ? static_cast<float>(rzNext[l] / rz[l]) : 0.0f;
-            rz[l] = rzNext[l];
+            coefficient[l] = rz[l] > 0.0 ? static_cast<float>(sums.first[l] / rz[l]) : 0.0f;
+            rz[l] = sums.first[l];
         }
-        vela::device::launch<walkerDirection_kernel>(labelled, block, nullptr, p.a, r.a, labels, degree.a,
-                                                     coefficients.upload());
-        check(__LINE__);
+        steps.direction(coefficient);
     }
 
+    const dim3 labelled(pixels.x, pixels.y, nLabels);
     vela::device::launch<walkerCost_kernel>(labelled, block, nullptr, seg.costMap, x.a, settings.dataWeight);
     check(__LINE__);
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "engine_test_util.h"
+#include "src/PDseg_solver_ops.h"
 #include "src/PDseg_walker.h"
 #include "src/segment.h"
 
@@ -125,8 +126,15 @@ SegmentationSettings walkerSettings(float weight) {
 }
 
 // 37 x 11 spans two blocks across and two down, both partial; 1 x 9 and 9 x 1
-// have no neighbour on one axis.
-TEST(WalkerCost, SeedCostPlusWeightedLogProbabilityOfAPlainSolve) {
+// have no neighbour on one axis.  The host backend's row loops and the
+// kernels' blocks both.
+class WalkerCost : public testing::TestWithParam<seg::HostSweep> {
+ protected:
+    void SetUp() override { seg::setHostSweep(GetParam()); }
+    void TearDown() override { seg::setHostSweep(seg::HostSweep::Rows); }
+};
+
+TEST_P(WalkerCost, SeedCostPlusWeightedLogProbabilityOfAPlainSolve) {
     for (const auto& size : {std::make_pair(37u, 11u), std::make_pair(1u, 9u), std::make_pair(9u, 1u)}) {
         const Frame f = texturedFrame(size.first, size.second);
         const unsigned int nLabels = 3, n = f.w * f.h;
@@ -150,7 +158,7 @@ TEST(WalkerCost, SeedCostPlusWeightedLogProbabilityOfAPlainSolve) {
 
 // A flat image gives every edge the same weight, one label the probability 1
 // everywhere, and a weight of 0 the indicator alone.
-TEST(WalkerCost, FlatImageSingleLabelAndZeroWeight) {
+TEST_P(WalkerCost, FlatImageSingleLabelAndZeroWeight) {
     Frame flat = texturedFrame(20, 10);
     std::fill(flat.image.begin(), flat.image.end(), make_float4(50, 50, 50, 0));
     const std::vector<float> cost = walkerCostMap(flat, 3, walkerSettings(1.0f));
@@ -167,6 +175,8 @@ TEST(WalkerCost, FlatImageSingleLabelAndZeroWeight) {
     const std::vector<float> indicator = walkerCostMap(one, 1, seedsOnly);
     EXPECT_EQ(walkerCostMap(one, 1, walkerSettings(0.0f)), indicator);
 }
+
+INSTANTIATE_TEST_SUITE_P(HostPaths, WalkerCost, testing::Values(seg::HostSweep::Rows, seg::HostSweep::Threads));
 
 // Every setting reaches the object; the definition's defaults stay.
 TEST(PrepareSegmentation, SetsModelParametersAndTheCostMap) {
