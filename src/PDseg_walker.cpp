@@ -8,6 +8,7 @@
 
 #include "src/PDseg_solver_ops.h"
 #include "src/engine_arrays.h"
+#include "src/seeds.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
 
@@ -53,11 +54,7 @@ VELA_HD inline Pixel pixelOf(const Thread& t, uint2 size) {
     return p;
 }
 
-// The seed index of a pixel, or -1: label values at or above L seed nothing.
-VELA_HD inline int seedOf(const vela::Array<float, 2>& labels, unsigned int x, unsigned int y, unsigned int nLabels) {
-    const float v = vela::at(labels, x, y);
-    return (v >= 0.0f && v < static_cast<float>(nLabels)) ? static_cast<int>(v) : -1;
-}
+using seg::seedOf;
 
 // Block sums of N values per thread, written to partial(block, label, n).
 // Kernels that reduce run three phases: 0 computes and stores its values,
@@ -433,8 +430,12 @@ class WalkerSteps {
     LabelCoefficients coefficients_;
 };
 
-// The weight scale of the usual random-walker formulation.
-float edgeScale(const vela::Array<float4, 2>& image, dim3 grid, dim3 block, float beta) {
+}  // namespace
+
+float walkerColourScale(const vela::Array<float4, 2>& image, float beta) {
+    const dim3 block(kBlockX, kBlockY);
+    const dim3 grid(vela::device::blocksFor(image.extents.x, kBlockX),
+                    vela::device::blocksFor(image.extents.y, kBlockY));
     BlockSumReader moments(grid.x * grid.y, 1, 2);
     vela::device::launch<walkerImageMoments_kernel>(grid, block, nullptr, image, moments.partial());
     check(__LINE__);
@@ -447,8 +448,6 @@ float edgeScale(const vela::Array<float4, 2>& image, dim3 grid, dim3 block, floa
     if (sd < 1e-12) return 0.0f;
     return static_cast<float>(-beta / (10.0 * sd * std::sqrt(3.0)));
 }
-
-}  // namespace
 
 void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings) {
     const unsigned int w = seg.costMap.extents.x, h = seg.costMap.extents.y;
@@ -463,7 +462,7 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     const dim3 pixels(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
     vela::ScopedArray<float2, 2> weights(seg::deviceArray2D<float2>(w, h));
     vela::ScopedArray<float, 2> degree(seg::deviceArray2D<float>(w, h));
-    const float scale = edgeScale(seg.image, pixels, block, settings.walkerBeta);
+    const float scale = walkerColourScale(seg.image, settings.walkerBeta);
     vela::device::launch<walkerWeights_kernel>(pixels, block, nullptr, weights.a, degree.a, seg.image, scale);
     check(__LINE__);
 

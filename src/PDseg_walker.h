@@ -9,3 +9,8 @@
 // Adds settings.dataWeight * -ln(p_l + 0.001) / -ln(0.001) to layer l of
 // seg.costMap, p_l being the walker probability of label l at each pixel.
 void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings);
+
+// The factor k of the edge weights exp(k * d) + 1e-6, d the squared colour
+// distance with channels in [0, 1]: -beta / (10 * sd * sqrt(3)), sd the
+// standard deviation of all channel values of the image; 0 for a flat image.
+float walkerColourScale(const vela::Array<float4, 2>& image, float beta);

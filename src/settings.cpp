@@ -76,7 +76,10 @@ bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings,
                     readFloatKey(config, "dataWeight", 0.0f, 1e6f, s.dataWeight, error) &&
                     readFloatKey(config, "walkerBeta", 0.0f, 1e6f, s.walkerBeta, error) &&
                     readIntKey(config, "walkerIterations", 0, 100000, s.walkerIterations, error) &&
-                    readFloatKey(config, "walkerTolerance", 0.0f, 1.0f, s.walkerTolerance, error);
+                    readFloatKey(config, "walkerTolerance", 0.0f, 1.0f, s.walkerTolerance, error) &&
+                    readIntKey(config, "seedCheckRadius", 0, 100, s.seedCheckRadius, error) &&
+                    readFloatKey(config, "seedCheckShare", 0.0f, 1.0f, s.seedCheckShare, error) &&
+                    readFloatKey(config, "seedCheckBeta", 0.0f, 1e6f, s.seedCheckBeta, error);
     if (!ok) return false;
     settings = s;
     return true;

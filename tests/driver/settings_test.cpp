@@ -31,12 +31,14 @@ TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
 
     ASSERT_TRUE(
         read("f lambda 100\ni maxiter 500\ni model 4\ni diffusivity 1\nf alpha 2\ns dataTerm walker\n"
-             "f dataWeight 1.5\nf walkerBeta 250\ni walkerIterations 30\nf walkerTolerance 0.01\n",
+             "f dataWeight 1.5\nf walkerBeta 250\ni walkerIterations 30\nf walkerTolerance 0.01\n"
+             "i seedCheckRadius 12\nf seedCheckShare 0.5\nf seedCheckBeta 20\n",
              s, error))
         << error;
     EXPECT_TRUE(s.lambda == 100.0f && s.maxiter == 500 && s.model == 4 && s.diffusivity == 1 && s.alpha == 2.0f &&
                 s.dataTerm == DataTerm::WALKER && s.dataWeight == 1.5f && s.walkerBeta == 250.0f &&
-                s.walkerIterations == 30 && s.walkerTolerance == 0.01f);
+                s.walkerIterations == 30 && s.walkerTolerance == 0.01f && s.seedCheckRadius == 12 &&
+                s.seedCheckShare == 0.5f && s.seedCheckBeta == 20.0f);
 }
 
 TEST(Settings, ABadValueNamesItsKeyAndLeavesTheSettingsAlone) {
@@ -53,6 +55,8 @@ TEST(Settings, ABadValueNamesItsKeyAndLeavesTheSettingsAlone) {
         {"i walkerBeta 500\n", "key \"walkerBeta\""},
         {"i walkerIterations -3\n", "key \"walkerIterations\""},
         {"f walkerTolerance 2\n", "key \"walkerTolerance\""},
+        {"i seedCheckRadius 101\n", "key \"seedCheckRadius\""},
+        {"f seedCheckShare 1.5\n", "key \"seedCheckShare\""},
     };
     for (const auto& [contents, message] : cases) {
         SegmentationSettings s;

@@ -8,6 +8,7 @@
 #include "engine_test_util.h"
 #include "src/PDseg_solver_ops.h"
 #include "src/PDseg_walker.h"
+#include "src/seed_check.h"
 #include "src/segment.h"
 
 namespace {
@@ -177,6 +178,48 @@ TEST_P(WalkerCost, FlatImageSingleLabelAndZeroWeight) {
 }
 
 INSTANTIATE_TEST_SUITE_P(HostPaths, WalkerCost, testing::Values(seg::HostSweep::Rows, seg::HostSweep::Threads));
+
+// Each seed against a plain count of the colour-weighted votes around it;
+// frames wider and taller than a block, seeds at the borders.
+TEST(SeedCheck, DropsSeedsWhoseLabelHasTooSmallAShareOfTheVote) {
+    const unsigned int w = 45, h = 19, nLabels = 4;
+    const int radius = 4;
+    const float share = 0.4f, scale = -3.0f;
+    Frame f{w, h, std::vector<float4>(w * h), std::vector<float>(w * h, -1.0f)};
+    unsigned int state = 12345;
+    auto next = [&] { return (state = state * 1103515245u + 12345u) >> 8; };
+    for (unsigned int i = 0; i < w * h; ++i) {
+        const bool right = i % w > w / 2;
+        f.image[i] = make_float4(right ? 200 : 40, float(next() % 60), right ? 30 : 190, 0);
+        if (next() % 4 == 0) f.labels[i] = next() % 9 == 0 ? float(next() % nLabels) : (right ? 1.0f : 2.0f);
+    }
+    f.labels[w * h - 1] = 7;  // seeds nothing: no label 7
+    Image image(upload(f.image, w, h));
+    seg::ScopedArray<float, 2> labels(upload(f.labels, w, h));
+    seg::ScopedArray<float, 2> checked(checkSeeds(image.a, labels.a, nLabels, radius, share, scale));
+    const std::vector<float> got = download(checked.a);
+    int dropped = 0;
+    for (int y = 0; y < int(h); ++y)
+        for (int x = 0; x < int(w); ++x) {
+            const float label = f.labels[y * w + x];
+            float own = 0, all = 0;
+            for (int j = std::max(0, y - radius); j <= std::min(int(h) - 1, y + radius); ++j)
+                for (int i = std::max(0, x - radius); i <= std::min(int(w) - 1, x + radius); ++i) {
+                    const float other = f.labels[j * w + i];
+                    if (other < 0 || other >= nLabels || (i == x && j == y)) continue;
+                    const float4 c = f.image[y * w + x], d = f.image[j * w + i];
+                    const float dr = (c.x - d.x) / 255.0f, dg = (c.y - d.y) / 255.0f, db = (c.z - d.z) / 255.0f;
+                    const float vote = std::exp(scale * (dr * dr + dg * dg + db * db));
+                    all += vote;
+                    if (other == label) own += vote;
+                }
+            const bool seed = label >= 0 && label < nLabels;
+            const float want = seed && all > 0 && own < share * all ? -1.0f : label;
+            dropped += want != label;
+            ASSERT_EQ(got[y * w + x], want) << x << ", " << y;
+        }
+    EXPECT_GT(dropped, 5);
+}
 
 // Every setting reaches the object; the definition's defaults stay.
 TEST(PrepareSegmentation, SetsModelParametersAndTheCostMap) {
