@@ -112,11 +112,14 @@ VELA_HD inline float edgeWeight(const float4& a, const float4& b, float scale) {
     return expf(scale * (dr * dr + dg * dg + db * db)) + kWeightFloor;
 }
 
-// Weights of the edges to the right and lower neighbours (0 past the border)
-// and the degree: the sum of a pixel's edge weights.
+// Weights of the edges to the right and lower neighbours (0 past the border),
+// and the diagonal of the system: the degree d (the sum of a pixel's edge
+// weights) and 1 / d, or 0 at a seed, so that the steps below leave the seeds
+// alone without asking.
 struct walkerWeights_kernel {
-    VELA_HD void operator()(const Thread& t, vela::Array<float2, 2> weights, vela::Array<float, 2> degree,
-                            vela::Array<float4, 2> image, float scale) const {
+    VELA_HD void operator()(const Thread& t, vela::Array<float2, 2> weights, vela::Array<float2, 2> diagonal,
+                            vela::Array<float4, 2> image, vela::Array<float, 2> labels, unsigned int nLabels,
+                            float scale) const {
         const uint2 size = make_uint2(image.extents.x, image.extents.y);
         const Pixel p = pixelOf(t, size);
         if (!p.inside) return;
@@ -126,7 +129,9 @@ struct walkerWeights_kernel {
         const float left = p.x > 0 ? edgeWeight(c, vela::at(image, p.x - 1, p.y), scale) : 0.0f;
         const float up = p.y > 0 ? edgeWeight(c, vela::at(image, p.x, p.y - 1), scale) : 0.0f;
         vela::at(weights, p.x, p.y) = make_float2(right, down);
-        vela::at(degree, p.x, p.y) = right + down + left + up;
+        const float degree = right + down + left + up;
+        const bool seed = seedOf(labels, p.x, p.y, nLabels) >= 0;
+        vela::at(diagonal, p.x, p.y) = make_float2(degree, seed ? 0.0f : 1.0f / degree);
     }
 };
 
@@ -135,7 +140,7 @@ struct WalkerArrays {
     vela::Array<float, 3> x, r, p, q;
     vela::Array<float, 2> labels;
     vela::Array<float2, 2> weights;
-    vela::Array<float, 2> degree;
+    vela::Array<float2, 2> diagonal;  // degree, and its inverse or 0 at a seed
 };
 
 // sum_j w_ij v_j over the 4 neighbours j of (x, y), in one fixed order.
@@ -168,41 +173,39 @@ VELA_HD inline float2 startAt(const WalkerArrays& a, unsigned int x, unsigned in
         residual = neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) {
             return seedOf(a.labels, i, j, nLabels) == static_cast<int>(l) ? 1.0f : 0.0f;
         });
-        direction = residual / vela::at(a.degree, x, y);
+        direction = residual * vela::at(a.diagonal, x, y).y;
     }
     vela::at(a.r, x, y, l) = residual;
     vela::at(a.p, x, y, l) = direction;
     return make_float2(residual * direction, residual * residual);
 }
 
+// The steps below keep r, p and q at 0 on the seeds, and so x as it started.
+
 // q = A p on the unseeded pixels (p is 0 at the seeds).  Adds p.q.
 VELA_HD inline float applyAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l) {
-    float value = 0.0f, pq = 0.0f;
-    if (seedOf(a.labels, x, y, a.x.extents.z) < 0) {
-        const float here = vela::at(a.p, x, y, l);
-        value = vela::at(a.degree, x, y) * here -
-                neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) { return vela::at(a.p, i, j, l); });
-        pq = here * value;
-    }
+    const float2 diagonal = vela::at(a.diagonal, x, y);
+    const float here = vela::at(a.p, x, y, l);
+    const float product = diagonal.x * here - neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) {
+                              return vela::at(a.p, i, j, l);
+                          });
+    const float value = diagonal.y > 0.0f ? product : 0.0f;
     vela::at(a.q, x, y, l) = value;
-    return pq;
+    return here * value;
 }
 
-// x += alpha p and r -= alpha q on the unseeded pixels.  Adds r.z and r.r,
-// z = r / degree.
+// x += alpha p and r -= alpha q.  Adds r.z and r.r, z = r / degree.
 VELA_HD inline float2 stepAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float alpha) {
-    if (seedOf(a.labels, x, y, a.x.extents.z) >= 0) return make_float2(0.0f, 0.0f);
     vela::at(a.x, x, y, l) += alpha * vela::at(a.p, x, y, l);
     const float residual = vela::at(a.r, x, y, l) - alpha * vela::at(a.q, x, y, l);
     vela::at(a.r, x, y, l) = residual;
-    return make_float2(residual * residual / vela::at(a.degree, x, y), residual * residual);
+    return make_float2(residual * residual * vela::at(a.diagonal, x, y).y, residual * residual);
 }
 
-// p = r / degree + beta p on the unseeded pixels.
+// p = r / degree + beta p.
 VELA_HD inline void directionAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float beta) {
-    if (seedOf(a.labels, x, y, a.x.extents.z) >= 0) return;
     float& direction = vela::at(a.p, x, y, l);
-    direction = vela::at(a.r, x, y, l) / vela::at(a.degree, x, y) + beta * direction;
+    direction = vela::at(a.r, x, y, l) * vela::at(a.diagonal, x, y).y + beta * direction;
 }
 
 // Block sums of what a step adds, one or two values per thread.
@@ -461,16 +464,17 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     const dim3 block(kBlockX, kBlockY);
     const dim3 pixels(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
     vela::ScopedArray<float2, 2> weights(seg::deviceArray2D<float2>(w, h));
-    vela::ScopedArray<float, 2> degree(seg::deviceArray2D<float>(w, h));
+    vela::ScopedArray<float2, 2> diagonal(seg::deviceArray2D<float2>(w, h));
     const float scale = walkerColourScale(seg.image, settings.walkerBeta);
-    vela::device::launch<walkerWeights_kernel>(pixels, block, nullptr, weights.a, degree.a, seg.image, scale);
+    vela::device::launch<walkerWeights_kernel>(pixels, block, nullptr, weights.a, diagonal.a, seg.image, labels,
+                                               nLabels, scale);
     check(__LINE__);
 
     vela::ScopedArray<float, 3> x(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> r(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> p(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> q(seg::deviceArray3D<float>(w, h, nLabels));
-    WalkerSteps steps(WalkerArrays{x.a, r.a, p.a, q.a, labels, weights.a, degree.a});
+    WalkerSteps steps(WalkerArrays{x.a, r.a, p.a, q.a, labels, weights.a, diagonal.a});
 
     // Preconditioned conjugate gradients, every label's system at once; a
     // label stops counting once its residual is below the tolerance relative
