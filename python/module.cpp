@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <iostream>
 #include <mutex>
 #include <optional>
@@ -25,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "image/CTensor.h"
 #include "src/PDseg.h"
 #include "src/segment.h"
 #include "src/settings.h"
@@ -214,6 +216,31 @@ std::tuple<int, std::string, nb::ndarray<nb::numpy, std::int32_t>, std::vector<i
     return {status, message, ownedArray(std::move(indices), {h, w}), labelIds};
 }
 
+// A colour image file read as the program reads its frames.  Returns a
+// status (0 read, 1 the file cannot be opened, 2 unreadable or not a colour
+// image), a message and the H x W x 3 samples.
+std::tuple<int, std::string, std::optional<nb::ndarray<nb::numpy, float>>> readImage(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return {1, "image " + path + " cannot be opened", std::nullopt};
+    std::fclose(f);
+    CTensor<float> tensor;
+    try {
+        tensor.readFromImage(path.c_str());
+    } catch (const std::exception& e) {
+        std::string what = e.what();
+        if (what.find(path) == std::string::npos) what = "image " + path + ": " + what;
+        return {2, what, std::nullopt};
+    }
+    if (tensor.xSize < 1 || tensor.ySize < 1 || tensor.zSize != 3)
+        return {2, "image " + path + " is not a colour image", std::nullopt};
+    const std::size_t w = static_cast<std::size_t>(tensor.xSize), h = static_cast<std::size_t>(tensor.ySize);
+    const std::size_t plane = w * h;
+    std::vector<float> samples(3 * plane);
+    for (std::size_t i = 0; i < plane; ++i)
+        for (std::size_t c = 0; c < 3; ++c) samples[3 * i + c] = tensor.data[c * plane + i];
+    return {0, std::string(), ownedArray(std::move(samples), {h, w, 3})};
+}
+
 nb::object segment(const Image& image, const Indices& seeds, int numLabels, float lambda, int iterations, int model,
                    int diffusivity, float alpha, int dataTerm, float dataWeight, float walkerBeta, int walkerIterations,
                    float walkerTolerance, bool returnRelaxed) {
@@ -327,6 +354,8 @@ NB_MODULE(_core, m) {
     m.def("backend", &backend, "The backend this process runs the engine on: \"cuda\" or \"host\".");
     m.def("read_track_frame", &readTrackFrameIndices, nb::arg("path"), nb::arg("frame"), nb::arg("height"),
           nb::arg("width"), "The label indices of one frame of a track file, with a status and the reader's message.");
+    m.def("read_image", &readImage, nb::arg("path"),
+          "A colour PPM file as H x W x 3 float32 samples, with a status and a message.");
     m.def("segment", &segment, nb::arg("image"), nb::arg("seeds"), nb::arg("num_labels"), nb::arg("lam"),
           nb::arg("iterations"), nb::arg("model"), nb::arg("diffusivity"), nb::arg("alpha"), nb::arg("data_term"),
           nb::arg("data_weight"), nb::arg("walker_beta"), nb::arg("walker_iterations"), nb::arg("walker_tolerance"),

@@ -8,6 +8,7 @@ map the program computes with the same settings.
 Examples
 --------
 >>> import denseseg
+>>> frame = denseseg.read_image("frame_000.ppm")
 >>> seeds, label_ids = denseseg.seeds_from_tracks("tracks.dat", 0, frame.shape[:2])
 >>> labels = denseseg.segment(frame, seeds, num_labels=len(label_ids), lam=10.0, iterations=300)
 >>> picture = denseseg.render(labels, label_ids)
@@ -29,6 +30,7 @@ __all__ = [
     "MAX_LABELS",
     "TRACK_LABEL_LIMIT",
     "backend",
+    "read_image",
     "render",
     "seeds_from_tracks",
     "segment",
@@ -111,6 +113,35 @@ def backend() -> str:
         ``VELA_DEVICE=host`` or ``VELA_DEVICE=cuda`` forces a choice.
     """
     return _core.backend()
+
+
+def read_image(path: PathLike) -> np.ndarray:
+    """Reads a colour image file as the program reads its frames.
+
+    Parameters
+    ----------
+    path : str or os.PathLike
+        A binary PPM file (``.ppm``).
+
+    Returns
+    -------
+    numpy.ndarray
+        H x W x 3 float32, red, green and blue from 0 to 255.
+
+    Raises
+    ------
+    FileNotFoundError
+        The file cannot be opened.
+    ValueError
+        The file is not a readable colour image.
+    """
+    path = os.fspath(path)
+    status, message, image = _core.read_image(path)
+    if status == 1:
+        raise FileNotFoundError(message)
+    if status != 0:
+        raise ValueError(message)
+    return image
 
 
 def seeds_from_tracks(path: PathLike, frame: int, shape: Tuple[int, int]) -> Tuple[np.ndarray, list]:
@@ -249,9 +280,9 @@ def segment(
     --------
     >>> import numpy as np, denseseg
     >>> image = np.zeros((40, 60, 3), np.uint8); image[:, 30:] = 200
-    >>> seeds = np.full((40, 60), -1); seeds[20, 5] = 0; seeds[20, 55] = 1
-    >>> labels = denseseg.segment(image, seeds, iterations=200)
-    >>> labels[0, 0], labels[0, 59]
+    >>> seeds = np.full((40, 60), -1); seeds[10:30, 2:8] = 0; seeds[10:30, 52:58] = 1
+    >>> labels = denseseg.segment(image, seeds, iterations=300)
+    >>> int(labels[0, 0]), int(labels[0, 59])
     (0, 1)
     """
     frame = _image(image)
