@@ -131,7 +131,6 @@ SEEDS[3, 1], SEEDS[3, 6] = 0, 1
 BAD_SEGMENT = [
     ((IMAGE.astype(np.float64), SEEDS), {}, TypeError, "image must be uint8 or float32"),
     ((IMAGE[:, :, 0], SEEDS), {}, ValueError, "image must be H x W x 3"),
-    ((IMAGE[:, :, :2], SEEDS), {}, ValueError, "image must be H x W x 3"),
     ((IMAGE[:0], SEEDS[:0]), {}, ValueError, "image must not be empty"),
     ((np.full_like(IMAGE, np.nan, np.float32), SEEDS), {}, ValueError, "finite"),
     ((IMAGE, SEEDS[:5]), {}, ValueError, r"seeds must be 2-D with the image's height and width \(6, 8\), got \(5, 8\)"),
@@ -141,15 +140,11 @@ BAD_SEGMENT = [
     ((IMAGE, SEEDS), {"num_labels": 1}, ValueError, "not below num_labels=1"),
     ((IMAGE, SEEDS), {"num_labels": 129}, ValueError, "num_labels must be from 1 to 128"),
     ((IMAGE, SEEDS), {"model": 5}, ValueError, "model must be from 0 to 4"),
-    ((IMAGE, SEEDS), {"diffusivity": 2}, ValueError, "diffusivity"),
     ((IMAGE, SEEDS), {"alpha": 0.0}, ValueError, "alpha"),
     ((IMAGE, SEEDS), {"lam": float("nan")}, ValueError, "lam"),
     ((IMAGE, SEEDS), {"lam": "10"}, TypeError, "lam must be a real number"),
-    ((IMAGE, SEEDS), {"iterations": -1}, ValueError, "iterations"),
     ((IMAGE, SEEDS), {"iterations": 2.5}, TypeError, "iterations must be an integer"),
     ((IMAGE, SEEDS), {"data_term": "edges"}, ValueError, "data_term"),
-    ((IMAGE, SEEDS), {"data_weight": -1.0}, ValueError, "data_weight"),
-    ((IMAGE, SEEDS), {"walker_beta": 2e6}, ValueError, "walker_beta"),
     ((IMAGE, SEEDS), {"walker_iterations": 100001}, ValueError, "walker_iterations"),
     ((IMAGE, SEEDS), {"walker_tolerance": 1.5}, ValueError, "walker_tolerance"),
 ]
@@ -174,12 +169,16 @@ BAD_OTHERS = [
     (denseseg.seeds_from_tracks, ("t.dat", 0, 4), TypeError, "shape must be"),
     (denseseg.write_tracks, ("t.dat", np.zeros((2, 3)), np.ones((2, 3), bool), [0] * 3), ValueError, "T x N x 2"),
     (denseseg.write_tracks, ("t.dat", np.zeros((2, 3, 2)), np.ones((2, 3)), [0] * 3), TypeError, "booleans"),
-    (denseseg.write_tracks, ("t.dat", np.zeros((2, 3, 2)), np.ones((3, 2), bool), [0] * 3), ValueError, "visible"),
     (denseseg.write_tracks, ("t.dat", np.zeros((2, 3, 2)), np.ones((2, 3), bool), [0, 1]), ValueError, "N = 3"),
     (denseseg.write_tracks, ("t.dat", np.zeros((2, 3, 2)), np.ones((2, 3), bool), [0, 1, 100]), ValueError, "0 to 99"),
     (denseseg.write_tracks, ("t.dat", np.full((1, 1, 2), np.inf), np.ones((1, 1), bool), [0]), ValueError, "finite"),
     # The module itself checks what it is handed, too.
-    (_core.segment, (IMAGE.astype(np.float32), SEEDS[:5].astype(np.int32), 2, 1.0, 1, 1, 0, 0.5, 0, 1.0, 1.0, 1, 0.1, False), ValueError, "image must be H x W x 3"),
+    (
+        _core.segment,
+        (IMAGE.astype(np.float32), SEEDS[:5].astype(np.int32), 2, 1.0, 1, 1, 0, 0.5, 0, 1.0, 1.0, 1, 0.1, False),
+        ValueError,
+        "image must be H x W x 3",
+    ),
 ]
 
 
