@@ -27,6 +27,14 @@ vela_build_packages() {
     vela_ensure_packages cmake make g++ libgtest-dev libbenchmark-dev
 }
 
+# Python 3 with venv and the headers for building the package's extension;
+# the Debian packages only when the python3 on PATH lacks them.
+vela_python_packages() {
+    python3 -c 'import ensurepip, os, sysconfig
+assert os.path.exists(os.path.join(sysconfig.get_paths()["include"], "Python.h"))' 2>/dev/null && return 0
+    vela_ensure_packages python3 python3-venv python3-dev
+}
+
 if ! command -v nvcc >/dev/null 2>&1 && [ -x /usr/local/cuda/bin/nvcc ]; then
     export PATH="$PATH:/usr/local/cuda/bin"
 fi

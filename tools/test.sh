@@ -3,11 +3,14 @@
 #   1. the release build, which also compiles and links the cuda backend when
 #      the CUDA toolkit is present, and its tests (on the GPU if there is one,
 #      otherwise on the host backend);
-#   2. the same tests once more on the host backend under AddressSanitizer and
+#   2. the Python package, installed with pip into a fresh virtual
+#      environment (host backend only, to keep this step short), and its tests,
+#      which compare it with the program of step 1;
+#   3. the same tests once more on the host backend under AddressSanitizer and
 #      UndefinedBehaviorSanitizer;
-#   3. a short run of every file reader's fuzz target (VELA_FUZZ_SECONDS each,
+#   4. a short run of every file reader's fuzz target (VELA_FUZZ_SECONDS each,
 #      default 60), which fails on any crash, leak or sanitizer report.
-# Pass --quick to skip steps 2 and 3.
+# Pass --quick to skip steps 3 and 4.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
@@ -24,6 +27,18 @@ echo "== release build (VELA_CUDA=$cuda)"
 cmake --preset default -DVELA_CUDA=$cuda >/dev/null
 cmake --build --preset default -j "$(vela_jobs)"
 ctest --preset default -j "$(vela_jobs)"
+
+echo "== Python package in a fresh virtual environment (VELA_CUDA=OFF)"
+vela_python_packages
+venv=build-python/venv
+rm -rf "$venv"
+python3 -m venv "$venv"
+CMAKE_BUILD_PARALLEL_LEVEL="$(vela_jobs)" "$venv/bin/python" -m pip install -q ".[test]" \
+    --config-settings=cmake.define.VELA_CUDA=OFF
+# Both the package and the program on the host backend, so that their labels
+# can be compared bit for bit.
+DENSESEG_PROGRAM="$PWD/build/src/denseseg" VELA_DEVICE=host OMP_WAIT_POLICY=passive \
+    "$venv/bin/python" -m pytest -q tests/python
 
 [ "${1:-}" = "--quick" ] && exit 0
 

@@ -1,0 +1,365 @@
+// denseseg._core: the engine of the program on numpy arrays.
+//
+// The Python layer (python/denseseg/__init__.py) checks types, shapes and
+// ranges and hands over C-contiguous arrays; the checks here only keep a
+// caller of this module from reaching the engine with arrays it cannot take.
+// Every frame is prepared and solved exactly as the program's frame loop does
+// it: the same float4 device image, the same label image, the same
+// prepareSegmentation() and run().
+#include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/tuple.h>
+#include <nanobind/stl/vector.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "image/CTensor.h"
+#include "src/PDseg.h"
+#include "src/segment.h"
+#include "src/settings.h"
+#include "src/simplex.h"
+#include "src/tracks.h"
+#include "vela/algorithms/conversion.h"
+#include "vela/algorithms/scalar_cast.h"
+#include "vela/device/runtime.h"
+#include "vela/tools.h"
+
+namespace nb = nanobind;
+
+namespace {
+
+const cudaStream_t kDefaultStream = nullptr;
+
+// The device layer keeps one last-error state per process, so one engine call
+// runs at a time; the others wait without holding the GIL.
+std::mutex engineMutex;
+
+using Image = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
+using Indices = nb::ndarray<const std::int32_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
+
+template <class T>
+nb::ndarray<nb::numpy, T> ownedArray(std::vector<T>&& values, std::initializer_list<std::size_t> shape) {
+    auto* owned = new std::vector<T>(std::move(values));
+    nb::capsule deleter(owned, [](void* p) noexcept { delete static_cast<std::vector<T>*>(p); });
+    return nb::ndarray<nb::numpy, T>(owned->data(), shape, deleter);
+}
+
+// Pitched arrays carry 32-bit byte strides: the largest array of a frame, the
+// solver's W x H x L field of float2 (and the float4 images), must fit.
+void requireAddressable(std::size_t w, std::size_t h, std::size_t labels) {
+    const std::size_t pitch = (w * 16 + vela::device::kHostPitchAlignment - 1) / vela::device::kHostPitchAlignment *
+                              vela::device::kHostPitchAlignment;
+    if (pitch * h * (labels > 0 ? labels : 1) > 0xffffffffu)
+        throw nb::value_error(("a " + std::to_string(w) + " x " + std::to_string(h) + " image with " +
+                               std::to_string(labels) + " labels is too large for the engine (4 GiB per array)")
+                                  .c_str());
+}
+
+// The frame as the program builds it: three float planes, converted to a host
+// float4 image and copied into a pitched device image.
+vela::Array<float4, 2> deviceImage(const float* interleaved, unsigned int w, unsigned int h) {
+    const std::size_t plane = static_cast<std::size_t>(w) * h;
+    std::vector<float> planes(3 * plane);
+    for (std::size_t i = 0; i < plane; ++i)
+        for (int c = 0; c < 3; ++c) planes[c * plane + i] = interleaved[3 * i + c];
+    const vela::Array<float, 3> planar = vela::arrayFromHostMemory(planes.data(), w, h, 3u);
+    std::vector<float4> pixels(plane);
+    vela::Array<float4, 2> host = vela::arrayFromHostMemory(pixels.data(), make_uint2(w, h));
+    vela::convert(host, planar, 1.0f, kDefaultStream);
+    vela::Array<float4, 2> image = vela::mallocDeviceArray<float4>(make_uint2(w, h), vela::PITCHED_LAYOUT);
+    try {
+        vela::arrayCopy(image, host);
+    } catch (...) {
+        vela::freeArray(image);
+        throw;
+    }
+    return image;
+}
+
+// The label image of the engine: the index as a float, -1 where no seed lies.
+vela::Array<float, 2> deviceLabels(const std::int32_t* indices, unsigned int w, unsigned int h) {
+    std::vector<float> values(static_cast<std::size_t>(w) * h);
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] = indices[i] < 0 ? -1.0f : static_cast<float>(indices[i]);
+    vela::Array<float, 2> labels = vela::mallocDeviceArray<float>(make_uint2(w, h), vela::PITCHED_LAYOUT);
+    try {
+        vela::arrayCopy(labels, vela::arrayFromHostMemory(values.data(), make_uint2(w, h)));
+    } catch (...) {
+        vela::freeArray(labels);
+        throw;
+    }
+    return labels;
+}
+
+// A W x H x L device array read back as L x H x W floats.
+std::vector<float> readLayers(const vela::Array<float, 3>& a) {
+    std::vector<float> values(static_cast<std::size_t>(a.extents.x) * a.extents.y * a.extents.z);
+    vela::Array<float, 3> host = vela::arrayFromHostMemory(values.data(), a.extents);
+    vela::arrayCopy(host, a);
+    return values;
+}
+
+// The object never releases its colour tables; these calls do, whatever way
+// they are left.
+struct ColourTables {
+    PDseg& seg;
+    ~ColourTables() {
+        vela::freeArray(seg.labelColors);
+        vela::freeArray(seg.colorCode);
+    }
+};
+
+// Gives every label index the palette colour of its track label, as the
+// program does, so that a label has the same colour in every frame.
+void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {
+    const unsigned int paletteSize = seg.colorCode.extents.x;
+    std::vector<float4> palette(paletteSize);
+    vela::Array<float4, 2> paletteHost = vela::arrayFromHostMemory(palette.data(), make_uint2(paletteSize, 1));
+    vela::Array<float4, 2> paletteDevice =
+        vela::internal::decreaseArrayDimension<float4, 4, 2>(vela::internal::increaseArrayDimension(seg.colorCode));
+    vela::arrayCopy(paletteHost, paletteDevice);
+    const unsigned int n = static_cast<unsigned int>(labelIds.size());
+    std::vector<float4> table(n);
+    for (unsigned int i = 0; i < n; ++i) {
+        if (labelIds[i] < 0 || static_cast<unsigned int>(labelIds[i]) >= paletteSize)
+            throw nb::value_error(("label_ids: label " + std::to_string(labelIds[i]) + " has no colour (labels 0 to " +
+                                   std::to_string(paletteSize - 1) + ")")
+                                      .c_str());
+        table[i] = palette[labelIds[i]];
+    }
+    vela::freeArray(seg.labelColors);
+    seg.labelColors = vela::internal::decreaseArrayDimension<float4, 4, 1>(
+        vela::mallocDeviceArray<float4>(make_uint4(n, 1, 1, 1), vela::PITCHED_LAYOUT));
+    vela::Array<float4, 2> tableHost = vela::arrayFromHostMemory(table.data(), make_uint2(n, 1));
+    vela::Array<float4, 2> tableDevice =
+        vela::internal::decreaseArrayDimension<float4, 4, 2>(vela::internal::increaseArrayDimension(seg.labelColors));
+    vela::arrayCopy(tableDevice, tableHost);
+}
+
+// A device float4 rendering as H x W x 3 bytes, each sample converted as the
+// program's PPM files convert it.
+std::vector<std::uint8_t> renderingBytes(const vela::Array<float4, 2>& rendering) {
+    const unsigned int w = rendering.extents.x, h = rendering.extents.y;
+    std::vector<float4> pixels(static_cast<std::size_t>(w) * h);
+    vela::Array<float4, 2> host = vela::arrayFromHostMemory(pixels.data(), make_uint2(w, h));
+    vela::arrayCopy(host, rendering);
+    std::vector<std::uint8_t> bytes(3 * pixels.size());
+    for (std::size_t i = 0; i < pixels.size(); ++i) {
+        bytes[3 * i + 0] = vela::internal::lowByte(pixels[i].x);
+        bytes[3 * i + 1] = vela::internal::lowByte(pixels[i].y);
+        bytes[3 * i + 2] = vela::internal::lowByte(pixels[i].z);
+    }
+    return bytes;
+}
+
+void requireImage(const Image& image, std::size_t h, std::size_t w) {
+    if (image.shape(0) != h || image.shape(1) != w || image.shape(2) != 3)
+        throw nb::value_error("image must be H x W x 3 with the labels' height and width");
+}
+
+// --- Functions of the module --------------------------------------------------
+
+std::string backend() { return vela::device::backendName(vela::device::backend()); }
+
+// readTrackFrame on a fresh label image.  Returns a status (0 read, 1 the file
+// cannot be opened, 2 the frame lies outside the file, 3 malformed), the
+// reader's message, the H x W label indices and the track label of each index.
+std::tuple<int, std::string, nb::ndarray<nb::numpy, std::int32_t>, std::vector<int>> readTrackFrameIndices(
+    const std::string& path, unsigned int frame, int height, int width) {
+    if (height < 1 || width < 1) throw nb::value_error("shape must be (height, width) with both at least 1");
+    const unsigned int w = static_cast<unsigned int>(width), h = static_cast<unsigned int>(height);
+    std::vector<float> labels(static_cast<std::size_t>(w) * h, -1.0f);
+    vela::Array<float, 2> host = vela::arrayFromHostMemory(labels.data(), make_uint2(w, h));
+    std::vector<int> labelIds;
+    int count;
+    // The reader reports on the standard streams; its lines become the message.
+    std::ostringstream said;
+    {
+        std::lock_guard<std::mutex> lock(engineMutex);
+        std::streambuf* out = std::cout.rdbuf(said.rdbuf());
+        std::streambuf* err = std::cerr.rdbuf(said.rdbuf());
+        try {
+            count = readTrackFrame(path, frame, width, height, host, labelIds);
+        } catch (...) {
+            std::cout.rdbuf(out);
+            std::cerr.rdbuf(err);
+            throw;
+        }
+        std::cout.rdbuf(out);
+        std::cerr.rdbuf(err);
+    }
+    std::string message = said.str();
+    while (!message.empty() && message.back() == '\n') message.pop_back();
+    int status = 0;
+    if (count == kNoTrackFrame) {
+        std::FILE* f = std::fopen(path.c_str(), "rb");
+        if (f == nullptr)
+            status = 1;
+        else
+            status = message.empty() ? 2 : 3;
+        if (f != nullptr) std::fclose(f);
+    }
+    std::vector<std::int32_t> indices(labels.size());
+    for (std::size_t i = 0; i < labels.size(); ++i) indices[i] = static_cast<std::int32_t>(labels[i]);
+    return {status, message, ownedArray(std::move(indices), {h, w}), labelIds};
+}
+
+// A colour image file read as the program reads its frames.  Returns a
+// status (0 read, 1 the file cannot be opened, 2 unreadable or not a colour
+// image), a message and the H x W x 3 samples.
+std::tuple<int, std::string, std::optional<nb::ndarray<nb::numpy, float>>> readImage(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return {1, "image " + path + " cannot be opened", std::nullopt};
+    std::fclose(f);
+    CTensor<float> tensor;
+    try {
+        tensor.readFromImage(path.c_str());
+    } catch (const std::exception& e) {
+        std::string what = e.what();
+        if (what.find(path) == std::string::npos) what = "image " + path + ": " + what;
+        return {2, what, std::nullopt};
+    }
+    if (tensor.xSize < 1 || tensor.ySize < 1 || tensor.zSize != 3)
+        return {2, "image " + path + " is not a colour image", std::nullopt};
+    const std::size_t w = static_cast<std::size_t>(tensor.xSize), h = static_cast<std::size_t>(tensor.ySize);
+    const std::size_t plane = w * h;
+    std::vector<float> samples(3 * plane);
+    for (std::size_t i = 0; i < plane; ++i)
+        for (std::size_t c = 0; c < 3; ++c) samples[3 * i + c] = tensor.data[c * plane + i];
+    return {0, std::string(), ownedArray(std::move(samples), {h, w, 3})};
+}
+
+nb::object segment(const Image& image, const Indices& seeds, int numLabels, float lambda, int iterations, int model,
+                   int diffusivity, float alpha, int dataTerm, float dataWeight, float walkerBeta, int walkerIterations,
+                   float walkerTolerance, bool returnRelaxed) {
+    const std::size_t h = seeds.shape(0), w = seeds.shape(1);
+    requireImage(image, h, w);
+    if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
+    if (numLabels < 1 || numLabels > seg::kMaxLabels)
+        throw nb::value_error(("num_labels must be from 1 to " + std::to_string(seg::kMaxLabels)).c_str());
+    if (model < 0 || model > 4) throw nb::value_error("model must be from 0 to 4");
+    if (dataTerm != 0 && dataTerm != 1) throw nb::value_error("data_term must be 0 (seeds) or 1 (walker)");
+    requireAddressable(w, h, static_cast<std::size_t>(numLabels));
+    for (std::size_t i = 0; i < h * w; ++i)
+        if (seeds.data()[i] >= numLabels) throw nb::value_error("seeds holds an index not below num_labels");
+
+    SegmentationSettings settings;
+    settings.lambda = lambda;
+    settings.maxiter = iterations;
+    settings.model = model;
+    settings.diffusivity = diffusivity;
+    settings.alpha = alpha;
+    settings.dataTerm = static_cast<DataTerm>(dataTerm);
+    settings.dataWeight = dataWeight;
+    settings.walkerBeta = walkerBeta;
+    settings.walkerIterations = walkerIterations;
+    settings.walkerTolerance = walkerTolerance;
+
+    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+    std::vector<float> hard, relaxed;
+    {
+        nb::gil_scoped_release released;
+        std::lock_guard<std::mutex> lock(engineMutex);
+        vela::ScopedArray<float4, 2> frame(deviceImage(image.data(), W, H));
+        vela::ScopedArray<float, 2> labels(deviceLabels(seeds.data(), W, H));
+        PDseg seg(frame.a);
+        ColourTables tables{seg};
+        prepareSegmentation(seg, labels.a, numLabels, settings);
+        seg.run();
+        hard = readLayers(seg.u);
+        if (returnRelaxed) relaxed = readLayers(seg.uResult);
+    }
+
+    // After run() every pixel holds exactly one 1 among its labels.
+    const std::size_t plane = h * w;
+    std::vector<std::int32_t> result(plane);
+    for (std::size_t i = 0; i < plane; ++i) {
+        std::int32_t best = 0;
+        for (int l = 1; l < numLabels; ++l)
+            if (hard[l * plane + i] > hard[best * plane + i]) best = l;
+        result[i] = best;
+    }
+    nb::object labels = nb::cast(ownedArray(std::move(result), {h, w}));
+    if (!returnRelaxed) return labels;
+    nb::object layers = nb::cast(ownedArray(std::move(relaxed), {static_cast<std::size_t>(numLabels), h, w}));
+    return nb::make_tuple(labels, layers);
+}
+
+std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::numpy, std::uint8_t>>> render(
+    const Indices& labels, const std::vector<int>& labelIds, std::optional<Image> image, float alpha) {
+    const std::size_t h = labels.shape(0), w = labels.shape(1);
+    if (h < 1 || w < 1) throw nb::value_error("labels must not be empty");
+    if (image) requireImage(*image, h, w);
+    const std::size_t n = labelIds.size();
+    if (n < 1 || n > static_cast<std::size_t>(seg::kMaxLabels))
+        throw nb::value_error(("label_ids must hold 1 to " + std::to_string(seg::kMaxLabels) + " labels").c_str());
+    requireAddressable(w, h, n);
+    const std::size_t plane = h * w;
+    for (std::size_t i = 0; i < plane; ++i)
+        if (labels.data()[i] < 0 || static_cast<std::size_t>(labels.data()[i]) >= n)
+            throw nb::value_error("labels must hold indices from 0 to len(label_ids) - 1");
+
+    // The hard labelling of run(): one 1 per pixel, in the layer of its label.
+    std::vector<float> layers(plane * n, 0.0f);
+    for (std::size_t i = 0; i < plane; ++i) layers[static_cast<std::size_t>(labels.data()[i]) * plane + i] = 1.0f;
+    std::vector<float> black;
+    const float* pixels = image ? image->data() : nullptr;
+    if (!pixels) {
+        black.assign(3 * plane, 0.0f);
+        pixels = black.data();
+    }
+
+    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+    const unsigned int L = static_cast<unsigned int>(n);
+    std::vector<std::uint8_t> dense, overlay;
+    {
+        nb::gil_scoped_release released;
+        std::lock_guard<std::mutex> lock(engineMutex);
+        vela::ScopedArray<float4, 2> frame(deviceImage(pixels, W, H));
+        vela::ScopedArray<float, 3> costMap(vela::internal::decreaseArrayDimension<float, 4, 3>(
+            vela::mallocDeviceArray<float>(make_uint4(W, H, L, 1), vela::PITCHED_LAYOUT)));
+        // The object takes the (unused) cost map over; its u receives the labelling.
+        PDseg seg(frame.a, costMap.a);
+        costMap.a = vela::Array<float, 3>{};
+        ColourTables tables{seg};
+        vela::arrayCopy(seg.u, vela::arrayFromHostMemory(layers.data(), W, H, L));
+        setLabelColours(seg, labelIds);
+        seg.computeColorRepresentation(seg.u, true, false);
+        dense = renderingBytes(seg.colorImage);
+        if (image) overlay = renderingBytes(seg.getColorImageOverlay(alpha));
+    }
+    std::optional<nb::ndarray<nb::numpy, std::uint8_t>> blended;
+    if (image) blended = ownedArray(std::move(overlay), {h, w, 3});
+    return {ownedArray(std::move(dense), {h, w, 3}), blended};
+}
+
+}  // namespace
+
+NB_MODULE(_core, m) {
+    m.doc() = "The segmentation engine of denseseg; use the functions of the denseseg package.";
+    m.attr("MAX_LABELS") = seg::kMaxLabels;
+    m.attr("TRACK_LABEL_LIMIT") = kTrackLabelLimit;
+    m.def("backend", &backend, "The backend this process runs the engine on: \"cuda\" or \"host\".");
+    m.def("read_track_frame", &readTrackFrameIndices, nb::arg("path"), nb::arg("frame"), nb::arg("height"),
+          nb::arg("width"), "The label indices of one frame of a track file, with a status and the reader's message.");
+    m.def("read_image", &readImage, nb::arg("path"),
+          "A colour PPM file as H x W x 3 float32 samples, with a status and a message.");
+    m.def("segment", &segment, nb::arg("image"), nb::arg("seeds"), nb::arg("num_labels"), nb::arg("lam"),
+          nb::arg("iterations"), nb::arg("model"), nb::arg("diffusivity"), nb::arg("alpha"), nb::arg("data_term"),
+          nb::arg("data_weight"), nb::arg("walker_beta"), nb::arg("walker_iterations"), nb::arg("walker_tolerance"),
+          nb::arg("return_relaxed"), "Segments a float32 H x W x 3 image from int32 H x W seed indices.");
+    m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),
+          "The colour picture of a labelling and, given the image, its overlay.");
+}

@@ -1,0 +1,79 @@
+"""The package against the program: one frame segmented both ways."""
+
+import subprocess
+
+import numpy as np
+import pytest
+
+import denseseg
+from conftest import read_ppm, textured_frame, write_ppm
+
+
+def tracks_of(regions, rng, labels=(5, 12, 40), per_region=20):
+    """Three frames of tracks on the regions, plus one track whose only point
+    is overwritten by a later track, so the frame has a label without seeds."""
+    height, width = regions.shape
+    points, tracks = [], []
+    for region, label in enumerate(labels):
+        ys, xs = np.nonzero(regions == region)
+        pick = rng.choice(len(xs), per_region, replace=False)
+        for k in pick:
+            points.append([[xs[k] + 0.5, ys[k] + 0.5]] * 3)
+            tracks.append(label)
+    points.append([[10.5, 20.25]] * 3)
+    tracks.append(7)
+    points.append([[10.75, 20.5]] * 3)
+    tracks.append(labels[0])
+    xy = np.transpose(np.array(points, np.float64), (1, 0, 2))
+    visible = np.ones(xy.shape[:2], bool)
+    visible[2, 0] = False  # a hidden point
+    return xy, visible, np.array(tracks)
+
+
+SETTINGS = [
+    # configuration lines, keyword arguments
+    ({"f lambda": 10.0, "i maxiter": 150}, {"lam": 10.0, "iterations": 150}),
+    (
+        {"f lambda": 4.0, "i maxiter": 120, "i model": 2, "i diffusivity": 1, "f alpha": 2.0},
+        {"lam": 4.0, "iterations": 120, "model": 2, "diffusivity": 1, "alpha": 2.0},
+    ),
+    ({"f lambda": 25.0, "i maxiter": 80, "i model": 0}, {"lam": 25.0, "iterations": 80, "model": 0}),
+]
+
+
+@pytest.mark.parametrize("config, kwargs", SETTINGS, ids=["model1", "model2-exp", "model0"])
+def test_segment_and_render_equal_the_program(tmp_path, program, config, kwargs):
+    image, regions = textured_frame()
+    write_ppm(tmp_path / "frame.ppm", image)
+    xy, visible, track_labels = tracks_of(regions, np.random.default_rng(3))
+    denseseg.write_tracks(tmp_path / "tracks.dat", xy, visible, track_labels)
+    lines = [f"s dataDir {tmp_path}", f"s tracksDir {tmp_path}", f"s resultDir {tmp_path}/results"]
+    lines += [f"{key} {value}" for key, value in config.items()]
+    (tmp_path / "filestructure").write_text("\n".join(lines) + "\n")
+    run = subprocess.run(
+        [program, str(tmp_path / "filestructure"), "frame.ppm", "tracks.dat", "0", "out"],
+        capture_output=True,
+        text=True,
+        timeout=300,
+    )
+    assert run.returncode == 0, run.stderr
+    dense = read_ppm(tmp_path / "results" / "out" / "frame_dense.ppm")
+    overlay = read_ppm(tmp_path / "results" / "out" / "frame_overlay.ppm")
+
+    frame = denseseg.read_image(tmp_path / "frame.ppm")
+    np.testing.assert_array_equal(frame, image.astype(np.float32))
+    seeds, label_ids = denseseg.seeds_from_tracks(tmp_path / "tracks.dat", 0, frame.shape[:2])
+    assert label_ids == [5, 12, 40, 7]
+    assert seeds.max() == 2  # label 7 lost its only seed, yet the program segments with 4 labels
+    labels = denseseg.segment(frame, seeds, num_labels=len(label_ids), **kwargs)
+
+    # The program's picture decoded through the palette colours of the labels.
+    palette = denseseg.render(np.arange(len(label_ids))[None, :], label_ids)[0]
+    assert len({tuple(c) for c in palette}) == len(label_ids)
+    matches = (dense[:, :, None, :] == palette[None, None, :, :]).all(axis=3)
+    assert (matches.sum(axis=2) == 1).all(), "a pixel of the program's picture has no label colour"
+    np.testing.assert_array_equal(labels, matches.argmax(axis=2))
+    assert set(np.unique(labels)) >= {0, 1, 2}  # not a trivial labelling
+
+    np.testing.assert_array_equal(denseseg.render(labels, label_ids), dense)
+    np.testing.assert_array_equal(denseseg.render(labels, label_ids, image), overlay)
