@@ -121,33 +121,6 @@ struct ColourTables {
     }
 };
 
-// Gives every label index the palette colour of its track label, as the
-// program does, so that a label has the same colour in every frame.
-void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {
-    const unsigned int paletteSize = seg.colorCode.extents.x;
-    std::vector<float4> palette(paletteSize);
-    vela::Array<float4, 2> paletteHost = vela::arrayFromHostMemory(palette.data(), make_uint2(paletteSize, 1));
-    vela::Array<float4, 2> paletteDevice =
-        vela::internal::decreaseArrayDimension<float4, 4, 2>(vela::internal::increaseArrayDimension(seg.colorCode));
-    vela::arrayCopy(paletteHost, paletteDevice);
-    const unsigned int n = static_cast<unsigned int>(labelIds.size());
-    std::vector<float4> table(n);
-    for (unsigned int i = 0; i < n; ++i) {
-        if (labelIds[i] < 0 || static_cast<unsigned int>(labelIds[i]) >= paletteSize)
-            throw nb::value_error(("label_ids: label " + std::to_string(labelIds[i]) + " has no colour (labels 0 to " +
-                                   std::to_string(paletteSize - 1) + ")")
-                                      .c_str());
-        table[i] = palette[labelIds[i]];
-    }
-    vela::freeArray(seg.labelColors);
-    seg.labelColors = vela::internal::decreaseArrayDimension<float4, 4, 1>(
-        vela::mallocDeviceArray<float4>(make_uint4(n, 1, 1, 1), vela::PITCHED_LAYOUT));
-    vela::Array<float4, 2> tableHost = vela::arrayFromHostMemory(table.data(), make_uint2(n, 1));
-    vela::Array<float4, 2> tableDevice =
-        vela::internal::decreaseArrayDimension<float4, 4, 2>(vela::internal::increaseArrayDimension(seg.labelColors));
-    vela::arrayCopy(tableDevice, tableHost);
-}
-
 // A device float4 rendering as H x W x 3 bytes, each sample converted as the
 // program's PPM files convert it.
 std::vector<std::uint8_t> renderingBytes(const vela::Array<float4, 2>& rendering) {

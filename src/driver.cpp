@@ -107,9 +107,8 @@ bool outputsAreFree(const std::string& stem, const std::vector<std::string>& inp
     return true;
 }
 
-// Picks the palette colour of each frame label, so that a track keeps its
-// colour whatever the order in which labels appear.  False when a label has
-// no palette entry.
+// Picks the palette colour of each frame label.  False when a label has no
+// palette entry.
 bool setLabelColors(PDseg& seg, const std::vector<int>& labelIds, unsigned int frame) {
     const unsigned int paletteSize = seg.colorCode.extents.x;
     for (int id : labelIds) {
@@ -119,16 +118,7 @@ bool setLabelColors(PDseg& seg, const std::vector<int>& labelIds, unsigned int f
             return false;
         }
     }
-    vela::ScopedArray<float4, 1> palette(
-        narrow<float4, 1>(vela::mallocHostArray<float4>(make_uint4(paletteSize, 1, 1, 1), vela::LINEAR_LAYOUT)));
-    vela::arrayCopy(palette.a, seg.colorCode);
-    const unsigned int n = static_cast<unsigned int>(labelIds.size());
-    vela::ScopedArray<float4, 1> table(
-        narrow<float4, 1>(vela::mallocHostArray<float4>(make_uint4(n, 1, 1, 1), vela::LINEAR_LAYOUT)));
-    for (unsigned int i = 0; i < n; ++i) table.a.data[i] = palette.a.data[labelIds[i]];
-    vela::freeArray(seg.labelColors);
-    seg.labelColors = narrow<float4, 1>(vela::mallocDeviceArray<float4>(make_uint4(n, 1, 1, 1), vela::PITCHED_LAYOUT));
-    vela::arrayCopy(seg.labelColors, table.a);
+    setLabelColours(seg, labelIds);
     return true;
 }
 

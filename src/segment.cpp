@@ -1,6 +1,10 @@
 #include "src/segment.h"
 
+#include <stdexcept>
+#include <string>
+
 #include "src/PDseg_walker.h"
+#include "src/engine_arrays.h"
 #include "src/seed_check.h"
 
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
@@ -20,4 +24,22 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
     seg.nIterations = settings.maxiter;
     seg.diffusivityType = settings.diffusivity;
     seg.alpha = settings.alpha;
+}
+
+void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {
+    const unsigned int paletteSize = seg.colorCode.extents.x;
+    std::vector<float4> palette(paletteSize);
+    vela::Array<float4, 1> paletteView = seg::hostView1D(palette.data(), paletteSize);
+    vela::arrayCopy(paletteView, seg.colorCode);
+    std::vector<float4> table;
+    for (int id : labelIds) {
+        if (id < 0 || static_cast<unsigned int>(id) >= paletteSize)
+            throw std::out_of_range("label " + std::to_string(id) + " has no colour (labels 0 to " +
+                                    std::to_string(paletteSize - 1) + ")");
+        table.push_back(palette[id]);
+    }
+    const unsigned int n = static_cast<unsigned int>(table.size());
+    vela::freeArray(seg.labelColors);
+    seg.labelColors = seg::deviceArray1D<float4>(n);
+    vela::arrayCopy(seg.labelColors, seg::hostView1D(table.data(), n));
 }

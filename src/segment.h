@@ -1,6 +1,8 @@
 // One frame's segmentation as the program and the Python package run it.
 #pragma once
 
+#include <vector>
+
 #include "src/PDseg.h"
 #include "src/settings.h"
 
@@ -10,3 +12,9 @@
 // term the settings choose, and sets every solver parameter.
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
                          const SegmentationSettings& settings);
+
+// Gives seg.labelColors one palette colour per label index k: the entry of
+// seg.colorCode for track label labelIds[k], so that a track keeps its colour
+// in every frame whatever the order its label is met in.  Throws
+// std::out_of_range for a label without a palette entry.
+void setLabelColours(PDseg& seg, const std::vector<int>& labelIds);
