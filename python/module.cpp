@@ -216,7 +216,8 @@ std::tuple<int, std::string, std::optional<nb::ndarray<nb::numpy, float>>> readI
 
 nb::object segment(const Image& image, const Indices& seeds, int numLabels, float lambda, int iterations, int model,
                    int diffusivity, float alpha, int dataTerm, float dataWeight, float walkerBeta, int walkerIterations,
-                   float walkerTolerance, bool returnRelaxed) {
+                   float walkerTolerance, int seedCheckRadius, float seedCheckShare, float seedCheckBeta,
+                   bool returnRelaxed) {
     const std::size_t h = seeds.shape(0), w = seeds.shape(1);
     requireImage(image, h, w);
     if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
@@ -239,6 +240,9 @@ nb::object segment(const Image& image, const Indices& seeds, int numLabels, floa
     settings.walkerBeta = walkerBeta;
     settings.walkerIterations = walkerIterations;
     settings.walkerTolerance = walkerTolerance;
+    settings.seedCheckRadius = seedCheckRadius;
+    settings.seedCheckShare = seedCheckShare;
+    settings.seedCheckBeta = seedCheckBeta;
 
     const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
     std::vector<float> hard, relaxed;
@@ -332,6 +336,7 @@ NB_MODULE(_core, m) {
     m.def("segment", &segment, nb::arg("image"), nb::arg("seeds"), nb::arg("num_labels"), nb::arg("lam"),
           nb::arg("iterations"), nb::arg("model"), nb::arg("diffusivity"), nb::arg("alpha"), nb::arg("data_term"),
           nb::arg("data_weight"), nb::arg("walker_beta"), nb::arg("walker_iterations"), nb::arg("walker_tolerance"),
+          nb::arg("seed_check_radius"), nb::arg("seed_check_share"), nb::arg("seed_check_beta"),
           nb::arg("return_relaxed"), "Segments a float32 H x W x 3 image from int32 H x W seed indices.");
     m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),
           "The colour picture of a labelling and, given the image, its overlay.");

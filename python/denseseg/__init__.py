@@ -28,6 +28,7 @@ from . import _core
 
 __all__ = [
     "MAX_LABELS",
+    "RECOMMENDED",
     "TRACK_LABEL_LIMIT",
     "backend",
     "read_image",
@@ -41,6 +42,22 @@ __all__ = [
 MAX_LABELS: int = _core.MAX_LABELS
 #: Track labels run from 0 to ``TRACK_LABEL_LIMIT - 1`` (one palette colour each).
 TRACK_LABEL_LIMIT: int = _core.TRACK_LABEL_LIMIT
+
+#: The recommended settings (those of ``configs/recommended.cfg``) as keyword
+#: arguments: ``denseseg.segment(image, seeds, **denseseg.RECOMMENDED)``.
+RECOMMENDED: dict = {
+    "lam": 100.0,
+    "iterations": 500,
+    "model": 1,
+    "data_term": "walker",
+    "data_weight": 1.0,
+    "walker_beta": 500.0,
+    "walker_iterations": 400,
+    "walker_tolerance": 0.001,
+    "seed_check_radius": 20,
+    "seed_check_share": 0.25,
+    "seed_check_beta": 50.0,
+}
 
 _INT32_MAX = 2**31 - 1
 _DATA_TERMS = {"seeds": 0, "walker": 1}
@@ -210,6 +227,9 @@ def segment(
     walker_beta: float = 500.0,
     walker_iterations: int = 400,
     walker_tolerance: float = 1e-3,
+    seed_check_radius: int = 0,
+    seed_check_share: float = 0.25,
+    seed_check_beta: float = 50.0,
     num_labels: Optional[int] = None,
     return_relaxed: bool = False,
 ):
@@ -253,6 +273,16 @@ def segment(
         (``walkerIterations``).
     walker_tolerance : float, optional
         Relative residual at which they stop, 0 to 1 (``walkerTolerance``).
+    seed_check_radius : int, optional
+        Before the cost map is built, drop every seed whose label holds less
+        than `seed_check_share` of the colour-weighted votes of the seeds
+        within this many pixels, 0 to 100; 0 keeps every seed
+        (``seedCheckRadius``).
+    seed_check_share : float, optional
+        Share of the votes a seed's label needs, 0 to 1 (``seedCheckShare``).
+    seed_check_beta : float, optional
+        How much a colour difference weakens a vote, 0 to 1e6
+        (``seedCheckBeta``).
     num_labels : int, optional
         L, the number of labels, from 1 to :data:`MAX_LABELS`; by default the
         largest seed index plus one.
@@ -321,6 +351,9 @@ def segment(
         _real("walker_beta", walker_beta, 0.0, 1e6),
         _integer("walker_iterations", walker_iterations, 0, 100000),
         _real("walker_tolerance", walker_tolerance, 0.0, 1.0),
+        _integer("seed_check_radius", seed_check_radius, 0, 100),
+        _real("seed_check_share", seed_check_share, 0.0, 1.0),
+        _real("seed_check_beta", seed_check_beta, 0.0, 1e6),
         bool(return_relaxed),
     )
 

@@ -175,7 +175,7 @@ BAD_OTHERS = [
     # The module itself checks what it is handed, too.
     (
         _core.segment,
-        (IMAGE.astype(np.float32), SEEDS[:5].astype(np.int32), 2, 1.0, 1, 1, 0, 0.5, 0, 1.0, 1.0, 1, 0.1, False),
+        (IMAGE.astype(np.float32), SEEDS[:5].astype(np.int32), 2, 1.0, 1, 1, 0, 0.5, 0, 1.0, 1.0, 1, 0.1, 0, 0.25, 50.0, False),
         ValueError,
         "image must be H x W x 3",
     ),

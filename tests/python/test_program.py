@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import denseseg
-from conftest import read_ppm, textured_frame, write_ppm
+from conftest import ROOT, read_ppm, textured_frame, write_ppm
 
 
 def tracks_of(regions, rng, labels=(5, 12, 40), per_region=20):
@@ -41,7 +41,44 @@ SETTINGS = [
 ]
 
 
-@pytest.mark.parametrize("config, kwargs", SETTINGS, ids=["model1", "model2-exp", "model0"])
+# Configuration keys and the keyword arguments they become.
+KEYWORDS = {
+    "lambda": "lam",
+    "maxiter": "iterations",
+    "model": "model",
+    "diffusivity": "diffusivity",
+    "alpha": "alpha",
+    "dataTerm": "data_term",
+    "dataWeight": "data_weight",
+    "walkerBeta": "walker_beta",
+    "walkerIterations": "walker_iterations",
+    "walkerTolerance": "walker_tolerance",
+    "seedCheckRadius": "seed_check_radius",
+    "seedCheckShare": "seed_check_share",
+    "seedCheckBeta": "seed_check_beta",
+}
+
+
+def recommended_config():
+    """The lines of configs/recommended.cfg as {"<letter> <key>": value}."""
+    config = {}
+    for line in (ROOT / "configs" / "recommended.cfg").read_text().splitlines():
+        fields = line.split("#")[0].split()
+        if fields:
+            letter, key, value = fields
+            config[f"{letter} {key}"] = {"i": int, "f": float, "s": str}[letter](value)
+    return config
+
+
+def test_recommended_keywords_are_the_recommended_configuration():
+    expected = {KEYWORDS[entry.split()[1]]: value for entry, value in recommended_config().items()}
+    assert denseseg.RECOMMENDED == expected
+
+
+SETTINGS.append((recommended_config(), denseseg.RECOMMENDED))
+
+
+@pytest.mark.parametrize("config, kwargs", SETTINGS, ids=["model1", "model2-exp", "model0", "recommended"])
 def test_segment_and_render_equal_the_program(tmp_path, program, config, kwargs):
     image, regions = textured_frame()
     write_ppm(tmp_path / "frame.ppm", image)
