@@ -111,16 +111,6 @@ std::vector<float> readLayers(const vela::Array<float, 3>& a) {
     return values;
 }
 
-// The object never releases its colour tables; these calls do, whatever way
-// they are left.
-struct ColourTables {
-    PDseg& seg;
-    ~ColourTables() {
-        vela::freeArray(seg.labelColors);
-        vela::freeArray(seg.colorCode);
-    }
-};
-
 // A device float4 rendering as H x W x 3 bytes, each sample converted as the
 // program's PPM files convert it.
 std::vector<std::uint8_t> renderingBytes(const vela::Array<float4, 2>& rendering) {
@@ -252,7 +242,7 @@ nb::object segment(const Image& image, const Indices& seeds, int numLabels, floa
         vela::ScopedArray<float4, 2> frame(deviceImage(image.data(), W, H));
         vela::ScopedArray<float, 2> labels(deviceLabels(seeds.data(), W, H));
         PDseg seg(frame.a);
-        ColourTables tables{seg};
+        ColourTablesOfFrame tables{seg};
         prepareSegmentation(seg, labels.a, numLabels, settings);
         seg.run();
         hard = readLayers(seg.u);
@@ -310,7 +300,7 @@ std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::nu
         // The object takes the (unused) cost map over; its u receives the labelling.
         PDseg seg(frame.a, costMap.a);
         costMap.a = vela::Array<float, 3>{};
-        ColourTables tables{seg};
+        ColourTablesOfFrame tables{seg};
         vela::arrayCopy(seg.u, vela::arrayFromHostMemory(layers.data(), W, H, L));
         setLabelColours(seg, labelIds);
         seg.computeColorRepresentation(seg.u, true, false);

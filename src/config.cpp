@@ -106,13 +106,15 @@ bool parseConfigINI(const std::string& path, ConfigMap& config, std::string& err
     return true;
 }
 
+void exitWithConfigError(const std::string& error) {
+    std::cerr << error << std::endl;
+    std::cout << kConfigFormatMessage << std::endl;
+    std::exit(255);
+}
+
 ConfigMap loadConfigINI(const std::string& path) {
     ConfigMap config;
     std::string error;
-    if (!parseConfigINI(path, config, error)) {
-        std::cerr << error << std::endl;
-        std::cout << kConfigFormatMessage << std::endl;
-        std::exit(255);
-    }
+    if (!parseConfigINI(path, config, error)) exitWithConfigError(error);
     return config;
 }

@@ -41,6 +41,10 @@ extern const char* const kConfigFormatMessage;
 // or read; `config` then holds the entries before the fault.
 bool parseConfigINI(const std::string& path, ConfigMap& config, std::string& error);
 
+// Ends the process as a configuration that cannot be used does: `error` on
+// standard error, kConfigFormatMessage on standard output, exit status 255.
+[[noreturn]] void exitWithConfigError(const std::string& error);
+
 // Reads the whole file.  Where parseConfigINI fails, prints its error on
 // standard error and kConfigFormatMessage on standard output, and ends the
 // process with exit status 255.

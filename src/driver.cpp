@@ -122,17 +122,6 @@ bool setLabelColors(PDseg& seg, const std::vector<int>& labelIds, unsigned int f
     return true;
 }
 
-// The object leaves its colour tables to the end of the process; a run over
-// many frames releases them with each frame instead.  Released descriptors
-// are emptied, so a later release of the same table does nothing.
-struct ColourTablesOfFrame {
-    PDseg& seg;
-    ~ColourTablesOfFrame() {
-        vela::freeArray(seg.labelColors);
-        vela::freeArray(seg.colorCode);
-    }
-};
-
 void printUsage() {
     std::cout << "usage:" << std::endl;
     std::cout << "argument 1: filestructure" << std::endl;
@@ -229,11 +218,7 @@ int run(int argc, char** argv) {
     const std::string stem = utility::getDFE(argv[2])[1];
     SegmentationSettings settings;
     std::string error;
-    if (!readSegmentationSettings(config, settings, error)) {
-        std::cerr << error << std::endl;
-        std::cout << kConfigFormatMessage << std::endl;
-        std::exit(255);
-    }
+    if (!readSegmentationSettings(config, settings, error)) exitWithConfigError(error);
     const std::vector<std::string> inputs = {argv[1], imagePath, trackPath};
 
     if (frame >= 0)

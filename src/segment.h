@@ -18,3 +18,14 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
 // in every frame whatever the order its label is met in.  Throws
 // std::out_of_range for a label without a palette entry.
 void setLabelColours(PDseg& seg, const std::vector<int>& labelIds);
+
+// The object leaves its colour tables to the end of the process; a caller
+// that segments many frames releases them with each frame through this guard.
+// Released descriptors are emptied, so a later release does nothing.
+struct ColourTablesOfFrame {
+    PDseg& seg;
+    ~ColourTablesOfFrame() {
+        vela::freeArray(seg.labelColors);
+        vela::freeArray(seg.colorCode);
+    }
+};
