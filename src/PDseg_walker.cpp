@@ -56,16 +56,16 @@ VELA_HD inline Pixel pixelOf(const Thread& t, uint2 size) {
 
 using seg::seedOf;
 
-// Block sums of N values per thread, written to partial(block, label, n).
+// Block sums of two values per thread, written to partial(block, label, n).
 // Kernels that reduce run three phases: 0 computes and stores its values,
 // 1 folds them into kLanes slots, 2 adds the slots.
-template <int N>
 struct BlockSums {
+    static constexpr int N = 2;
     float v[N][kBlockThreads];
 };
 
-template <int N>
-VELA_HD inline void foldBlockSums(int phase, const Pixel& p, BlockSums<N>& s, const vela::Array<float, 3>& partial) {
+VELA_HD inline void foldBlockSums(int phase, const Pixel& p, BlockSums& s, const vela::Array<float, 3>& partial) {
+    constexpr int N = BlockSums::N;
     if (phase == 1 && p.thread < kLanes) {
         for (int n = 0; n < N; ++n) {
             float sum = 0.0f;
@@ -83,7 +83,7 @@ VELA_HD inline void foldBlockSums(int phase, const Pixel& p, BlockSums<N>& s, co
 
 // Sum and sum of squares of the colour channels in [0, 1].
 struct walkerImageMoments_kernel {
-    using Shared = BlockSums<2>;
+    using Shared = BlockSums;
     struct Local {};
     static constexpr int phases = 3;
     VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, vela::Array<float4, 2> image,
@@ -208,60 +208,49 @@ VELA_HD inline void directionAt(const WalkerArrays& a, unsigned int x, unsigned 
     direction = vela::at(a.r, x, y, l) * vela::at(a.diagonal, x, y).y + beta * direction;
 }
 
-// Block sums of what a step adds, one or two values per thread.
-VELA_HD inline void storeSums(BlockSums<2>& s, unsigned int thread, float2 v) {
-    s.v[0][thread] = v.x;
-    s.v[1][thread] = v.y;
-}
-VELA_HD inline void storeSums(BlockSums<1>& s, unsigned int thread, float v) { s.v[0][thread] = v; }
-
-struct walkerStart_kernel {
-    using Shared = BlockSums<2>;
-    struct Local {};
-    static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
-                            vela::Array<float, 3> partial) const {
-        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
-        if (phase == 0)
-            storeSums(s, px.thread, px.inside ? startAt(a, px.x, px.y, px.label) : make_float2(0.0f, 0.0f));
-        else
-            foldBlockSums(phase, px, s, partial);
+// The steps as the kernel below calls them: each adds two values to the
+// label's sums (0 where it adds fewer) and takes a per-label coefficient.
+struct StartStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
+        return startAt(a, x, y, l);
+    }
+};
+struct ApplyStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
+        return make_float2(applyAt(a, x, y, l), 0.0f);
+    }
+};
+struct StepStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l,
+                              float alpha) const {
+        return stepAt(a, x, y, l, alpha);
+    }
+};
+struct DirectionStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float beta) const {
+        directionAt(a, x, y, l, beta);
+        return make_float2(0.0f, 0.0f);
     }
 };
 
-struct walkerApply_kernel {
-    using Shared = BlockSums<1>;
-    struct Local {};
-    static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
-                            vela::Array<float, 3> partial) const {
-        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
-        if (phase == 0)
-            storeSums(s, px.thread, px.inside ? applyAt(a, px.x, px.y, px.label) : 0.0f);
-        else
-            foldBlockSums(phase, px, s, partial);
-    }
-};
-
+// Runs a step at every pixel and label, one label per grid layer, and leaves
+// the block sums of what it adds in partial(block, label, 0 and 1).
+template <class Step>
 struct walkerStep_kernel {
-    using Shared = BlockSums<2>;
+    using Shared = BlockSums;
     struct Local {};
     static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a, vela::Array<float, 1> alpha,
-                            vela::Array<float, 3> partial) const {
+    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
+                            vela::Array<float, 1> coefficients, vela::Array<float, 3> partial) const {
         const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
-        if (phase == 0)
-            storeSums(s, px.thread,
-                      px.inside ? stepAt(a, px.x, px.y, px.label, vela::at(alpha, px.label)) : make_float2(0.0f, 0.0f));
-        else
+        if (phase == 0) {
+            const float2 v =
+                px.inside ? Step{}(a, px.x, px.y, px.label, vela::at(coefficients, px.label)) : make_float2(0.0f, 0.0f);
+            s.v[0][px.thread] = v.x;
+            s.v[1][px.thread] = v.y;
+        } else {
             foldBlockSums(phase, px, s, partial);
-    }
-};
-
-struct walkerDirection_kernel {
-    VELA_HD void operator()(const Thread& t, WalkerArrays a, vela::Array<float, 1> beta) const {
-        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
-        if (px.inside) directionAt(a, px.x, px.y, px.label, vela::at(beta, px.label));
+        }
     }
 };
 
@@ -283,22 +272,18 @@ struct walkerCost_kernel {
 
 void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
 
-// Per-label sums of the two values a step adds (the second is 0 for steps
-// that add one), in double.
+// Per-label sums of the two values a step adds, in double.
 struct LabelSums {
     std::vector<double> first, second;
 };
 
-VELA_HD inline float2 asPair(float2 v) { return v; }
-VELA_HD inline float2 asPair(float v) { return make_float2(v, 0.0f); }
-
 // The per-label block sums of a reducing launch, added up.
 class BlockSumReader {
  public:
-    BlockSumReader(unsigned int blocks, unsigned int labels, unsigned int values)
-        : device_(seg::deviceArray3D<float>(blocks, labels, values)),
+    BlockSumReader(unsigned int blocks, unsigned int labels)
+        : device_(seg::deviceArray3D<float>(blocks, labels, 2)),
           host_(vela::internal::decreaseArrayDimension<float, 4, 3>(
-              vela::mallocHostArray<float>(make_uint4(blocks, labels, values, 1), vela::LINEAR_LAYOUT))) {}
+              vela::mallocHostArray<float>(make_uint4(blocks, labels, 2, 1), vela::LINEAR_LAYOUT))) {}
 
     const vela::Array<float, 3>& partial() const { return device_.a; }
 
@@ -309,7 +294,7 @@ class BlockSumReader {
         for (unsigned int l = 0; l < labels; ++l)
             for (unsigned int b = 0; b < blocks; ++b) {
                 sums.first[l] += vela::at(host_.a, b, l, 0u);
-                if (host_.a.extents.z > 1) sums.second[l] += vela::at(host_.a, b, l, 1u);
+                sums.second[l] += vela::at(host_.a, b, l, 1u);
             }
         return sums;
     }
@@ -345,85 +330,60 @@ class WalkerSteps {
           block_(kBlockX, kBlockY),
           grid_(vela::device::blocksFor(a.x.extents.x, kBlockX), vela::device::blocksFor(a.x.extents.y, kBlockY),
                 a.x.extents.z),
-          sums_(grid_.x * grid_.y, grid_.z, 2),
+          sums_(grid_.x * grid_.y, grid_.z),
           coefficients_(grid_.z) {}
 
-    LabelSums start() {
-        return reduce([&] { launch<walkerStart_kernel>(sums_.partial()); },
-                      [&](unsigned int x, unsigned int y, unsigned int l) { return startAt(a_, x, y, l); });
-    }
-    LabelSums apply() {
-        return reduce([&] { launch<walkerApply_kernel>(sums_.partial()); },
-                      [&](unsigned int x, unsigned int y, unsigned int l) { return applyAt(a_, x, y, l); });
-    }
-    LabelSums step(const std::vector<float>& alpha) {
-        setCoefficients(alpha);
-        return reduce([&] { launch<walkerStep_kernel>(coefficients_.upload(), sums_.partial()); },
-                      [&](unsigned int x, unsigned int y, unsigned int l) { return stepAt(a_, x, y, l, alpha[l]); });
-    }
-    void direction(const std::vector<float>& beta) {
-        setCoefficients(beta);
-        vela::device::hostOrDevice(
-            [&] {
-                if (seg::hostSweep() != seg::HostSweep::Rows)
-                    return launch<walkerDirection_kernel>(coefficients_.upload());
-                forEachRow([&](unsigned int y, unsigned int l) {
-                    for (unsigned int x = 0; x < a_.x.extents.x; ++x) directionAt(a_, x, y, l, beta[l]);
-                });
-            },
-            [&] { launch<walkerDirection_kernel>(coefficients_.upload()); });
-        check(__LINE__);
-    }
+    LabelSums start() { return run<StartStep>(); }
+    LabelSums apply() { return run<ApplyStep>(); }
+    LabelSums step(const std::vector<float>& alpha) { return run<StepStep>(alpha); }
+    void direction(const std::vector<float>& beta) { run<DirectionStep>(beta); }
 
  private:
-    template <class K, class... Extra>
-    void launch(const Extra&... extra) {
-        vela::device::launch<K>(grid_, block_, nullptr, a_, extra...);
-    }
-
-    void setCoefficients(const std::vector<float>& values) {
-        for (unsigned int l = 0; l < grid_.z; ++l) coefficients_[l] = values[l];
-    }
-
-    template <class Body>
-    void forEachRow(const Body& body) {
-        const long long rows = static_cast<long long>(a_.x.extents.y) * a_.x.extents.z;
-        VELA_PRAGMA_OMP(omp parallel for schedule(static))
-        for (long long row = 0; row < rows; ++row)
-            body(static_cast<unsigned int>(row % a_.x.extents.y), static_cast<unsigned int>(row / a_.x.extents.y));
-    }
-
-    template <class Kernel, class Step>
-    LabelSums reduce(const Kernel& kernel, const Step& step) {
-        LabelSums sums;
-        auto onDevice = [&] {
-            kernel();
+    // Runs Step over every pixel and label with one coefficient per label:
+    // as the kernel, or on the host backend as row loops that add each row's
+    // values in double.
+    template <class Step>
+    LabelSums run(const std::vector<float>& coefficients = {}) {
+        const unsigned int w = a_.x.extents.x, h = a_.x.extents.y, labels = a_.x.extents.z;
+        std::vector<float> c(coefficients);
+        c.resize(labels, 0.0f);
+        LabelSums sums{std::vector<double>(labels, 0.0), std::vector<double>(labels, 0.0)};
+        auto kernel = [&] {
+            for (unsigned int l = 0; l < labels; ++l) coefficients_[l] = c[l];
+            vela::device::launch<walkerStep_kernel<Step>>(grid_, block_, nullptr, a_, coefficients_.upload(),
+                                                          sums_.partial());
             check(__LINE__);
             sums = sums_.read();
         };
+        auto rows = [&] {
+            std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
+            const long long count = static_cast<long long>(h) * labels;
+            VELA_PRAGMA_OMP(omp parallel for schedule(static))
+            for (long long row = 0; row < count; ++row) {
+                const unsigned int y = static_cast<unsigned int>(row % h), l = static_cast<unsigned int>(row / h);
+                double s0 = 0.0, s1 = 0.0;
+                for (unsigned int x = 0; x < w; ++x) {
+                    const float2 v = Step{}(a_, x, y, l, c[l]);
+                    s0 += v.x;
+                    s1 += v.y;
+                }
+                first[row] = s0;
+                second[row] = s1;
+            }
+            for (unsigned int l = 0; l < labels; ++l)
+                for (unsigned int y = 0; y < h; ++y) {
+                    sums.first[l] += first[static_cast<std::size_t>(l) * h + y];
+                    sums.second[l] += second[static_cast<std::size_t>(l) * h + y];
+                }
+        };
         vela::device::hostOrDevice(
             [&] {
-                if (seg::hostSweep() != seg::HostSweep::Rows) return onDevice();
-                const unsigned int h = a_.x.extents.y, labels = a_.x.extents.z;
-                std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
-                forEachRow([&](unsigned int y, unsigned int l) {
-                    double s0 = 0.0, s1 = 0.0;
-                    for (unsigned int x = 0; x < a_.x.extents.x; ++x) {
-                        const float2 v = asPair(step(x, y, l));
-                        s0 += v.x;
-                        s1 += v.y;
-                    }
-                    first[static_cast<std::size_t>(l) * h + y] = s0;
-                    second[static_cast<std::size_t>(l) * h + y] = s1;
-                });
-                sums = LabelSums{std::vector<double>(labels, 0.0), std::vector<double>(labels, 0.0)};
-                for (unsigned int l = 0; l < labels; ++l)
-                    for (unsigned int y = 0; y < h; ++y) {
-                        sums.first[l] += first[static_cast<std::size_t>(l) * h + y];
-                        sums.second[l] += second[static_cast<std::size_t>(l) * h + y];
-                    }
+                if (seg::hostSweep() == seg::HostSweep::Rows)
+                    rows();
+                else
+                    kernel();
             },
-            onDevice);
+            kernel);
         return sums;
     }
 
@@ -439,7 +399,7 @@ float walkerColourScale(const vela::Array<float4, 2>& image, float beta) {
     const dim3 block(kBlockX, kBlockY);
     const dim3 grid(vela::device::blocksFor(image.extents.x, kBlockX),
                     vela::device::blocksFor(image.extents.y, kBlockY));
-    BlockSumReader moments(grid.x * grid.y, 1, 2);
+    BlockSumReader moments(grid.x * grid.y, 1);
     vela::device::launch<walkerImageMoments_kernel>(grid, block, nullptr, image, moments.partial());
     check(__LINE__);
     const LabelSums sums = moments.read();
