@@ -24,7 +24,7 @@ vela_ensure_packages() {
 }
 
 vela_build_packages() {
-    vela_ensure_packages cmake make g++ libgtest-dev libbenchmark-dev
+    vela_ensure_packages cmake make g++ libgtest-dev libbenchmark-dev libpng-dev libturbojpeg0-dev parallel
 }
 
 if ! command -v nvcc >/dev/null 2>&1 && [ -x /usr/local/cuda/bin/nvcc ]; then
