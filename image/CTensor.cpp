@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "image/rgb_image.h"
 #include "vela/algorithms/scalar_cast.h"
 
 namespace {
@@ -104,6 +105,15 @@ void CTensor<float>::readFromPGM(const char* path) {
 
 template <>
 void CTensor<float>::readFromImage(const char* path) {
+    if (image_file::compressedFormat(path) != image_file::Compressed::NONE) {
+        const RgbImage image = image_file::readCompressed(path);
+        const std::size_t plane = static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height);
+        float* samples = allocateSamples<float>(image.width, image.height, 3);
+        for (std::size_t i = 0; i < plane; ++i)
+            for (std::size_t c = 0; c < 3; ++c) samples[c * plane + i] = image.rgb[3 * i + c];
+        adopt(image.width, image.height, 3, samples);
+        return;
+    }
     if (netpbm::formatFromExtension(path) == netpbm::Format::PPM)
         readFromPPM(path);
     else

@@ -39,7 +39,9 @@ class CTensor {
     // "P5" only.  The pixels start right after the height, so the maximum
     // value line is read as the first pixels: the image comes out shifted.
     void readFromPGM(const char* path);
-    // By extension: ".ppm"/".PPM" or ".pgm"/".PGM".
+    // By extension: ".ppm"/".PPM", ".pgm"/".PGM", or a PNG (".png"/".PNG") or
+    // JPEG (".jpg"/".JPG"/".jpeg"/".JPEG") frame, which always gives three
+    // planes (see image/png_file.h and image/jpeg_file.h).
     void readFromImage(const char* path);
 
     // Planes 0 to 2 as "P6".

@@ -14,8 +14,10 @@
 #include <vector>
 
 #include "image/CTensor.h"
+#include "image/png_file.h"
 #include "src/PDseg.h"
 #include "src/config.h"
+#include "src/label_map.h"
 #include "src/segment.h"
 #include "src/settings.h"
 #include "src/tracks.h"
@@ -61,18 +63,23 @@ void renameIntoPlace(const std::string& partial, const std::string& path) {
     }
 }
 
-// Writes a planar 3-plane image so that `path` either keeps its old contents
-// or holds the complete new file.
-void saveImageInPlace(const vela::Array<float, 3>& image, const std::string& path) {
+// Has `write` fill a partial file that then replaces `path`, so that `path`
+// either keeps its old contents or holds the complete new file.
+template <class Write>
+void writeInPlace(const std::string& path, Write write) {
     const std::string partial = partialName(path);
     try {
-        vela::saveImage(image, partial, false);
+        write(partial);
     } catch (...) {
         std::error_code ec;
         fs::remove(partial, ec);
         throw;
     }
     renameIntoPlace(partial, path);
+}
+
+void saveImageInPlace(const vela::Array<float, 3>& image, const std::string& path) {
+    writeInPlace(path, [&](const std::string& partial) { vela::saveImage(image, partial, false); });
 }
 
 // Converts a float4 rendering to three float planes in its own memory space
@@ -96,8 +103,10 @@ bool isInputFile(const std::string& path, const std::vector<std::string>& inputs
 }
 
 // Refuses outputs that would replace an input of the run.
-bool outputsAreFree(const std::string& stem, const std::vector<std::string>& inputs) {
-    for (const char* suffix : {"_dense.ppm", "_overlay.ppm"}) {
+bool outputsAreFree(const std::string& stem, const std::vector<std::string>& inputs, const FrameOutputs& outputs) {
+    std::vector<std::string> suffixes = {"_dense.ppm", "_overlay.ppm"};
+    if (outputs.labels) suffixes.push_back("_labels.png");
+    for (const std::string& suffix : suffixes) {
         if (isInputFile(stem + suffix, inputs)) {
             std::cerr << "denseseg: the result " << stem << suffix
                       << " would replace an input file; choose another result directory" << std::endl;
@@ -150,18 +159,18 @@ bool makeResultFolder(const std::string& folder) {
 
 int singleFrame(const std::string& imagePath, const std::string& trackPath, unsigned int frame,
                 const std::string& outputStem, const std::vector<std::string>& inputs,
-                const SegmentationSettings& settings) {
-    if (!outputsAreFree(outputStem, inputs)) return 1;
+                const SegmentationSettings& settings, const FrameOutputs& outputs) {
+    if (!outputsAreFree(outputStem, inputs, outputs)) return 1;
     vela::ScopedArray<float4, 2> host(loadColorImage(imagePath));
     vela::ScopedArray<float4, 2> image(narrow<float4, 2>(
         vela::mallocDeviceArray<float4>(make_uint4(host.a.extents.x, host.a.extents.y, 1, 1), vela::PITCHED_LAYOUT)));
     vela::arrayCopy(image.a, host.a);
-    processFrame(outputStem, image.a, trackPath, frame, settings);
+    processFrame(outputStem, image.a, trackPath, frame, settings, outputs);
     return 0;
 }
 
 int wholeFolder(const std::string& imagePath, const std::string& trackPath, const std::string& resultFolder,
-                std::vector<std::string> inputs, const SegmentationSettings& settings) {
+                std::vector<std::string> inputs, const SegmentationSettings& settings, const FrameOutputs& outputs) {
     const std::vector<std::string> parts = utility::getDFE(imagePath);
     // An image path without a folder lists the working directory.
     const std::string pattern = (parts[0].empty() ? std::string() : parts[0] + "/") + "*." + parts[2];
@@ -174,7 +183,7 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
     std::vector<std::string> stems;
     for (const std::string& file : files) {
         stems.push_back(resultFolder + utility::getDFE(file)[1]);
-        if (!outputsAreFree(stems.back(), inputs)) return 1;
+        if (!outputsAreFree(stems.back(), inputs, outputs)) return 1;
     }
 
     vela::ScopedArray<float4, 2> host(loadColorImage(files[0]));
@@ -193,7 +202,7 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
             }
         }
         vela::arrayCopy(image.a, host.a);
-        processFrame(stems[i], image.a, trackPath, static_cast<unsigned int>(i), settings);
+        processFrame(stems[i], image.a, trackPath, static_cast<unsigned int>(i), settings, outputs);
     }
     return exportTracks(resultFolder, trackPath, inputs);
 }
@@ -217,14 +226,19 @@ int run(int argc, char** argv) {
 
     const std::string stem = utility::getDFE(argv[2])[1];
     SegmentationSettings settings;
+    FrameOutputs outputs;
+    int writeLabels = 0;
     std::string error;
-    if (!readSegmentationSettings(config, settings, error)) exitWithConfigError(error);
+    if (!readSegmentationSettings(config, settings, error) ||
+        !readIntKey(config, "writeLabels", 0, 1, writeLabels, error))
+        exitWithConfigError(error);
+    outputs.labels = writeLabels == 1;
     const std::vector<std::string> inputs = {argv[1], imagePath, trackPath};
 
     if (frame >= 0)
         return singleFrame(imagePath, trackPath, static_cast<unsigned int>(frame), resultFolder + stem, inputs,
-                           settings);
-    return wholeFolder(imagePath, trackPath, resultFolder, inputs, settings);
+                           settings, outputs);
+    return wholeFolder(imagePath, trackPath, resultFolder, inputs, settings, outputs);
 }
 
 }  // namespace
@@ -256,7 +270,7 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
 }
 
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
-                  unsigned int frame, const SegmentationSettings& settings) {
+                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs) {
     const unsigned int w = image.extents.x, h = image.extents.y;
     vela::ScopedArray<float, 2> hostLabels(
         narrow<float, 2>(vela::mallocHostArray<float>(make_uint4(w, h, 1, 1), vela::LINEAR_LAYOUT)));
@@ -291,6 +305,11 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
     seg.computeColorRepresentation(seg.u, true, false);
     saveRendering(seg.colorImage, outputStem + "_dense.ppm");
     saveRendering(seg.getColorImageOverlay(0.4f), outputStem + "_overlay.ppm");
+    if (outputs.labels)
+        writeInPlace(outputStem + "_labels.png", [&](const std::string& partial) {
+            png_file::writePalette(static_cast<int>(w), static_cast<int>(h), labelNumbers(seg.u, labelIds),
+                                   paletteBytes(seg.colorCode), partial);
+        });
 }
 
 int exportTracks(const std::string& resultFolder, const std::string& trackPath,

@@ -14,16 +14,25 @@
 #include "src/settings.h"
 #include "vela/tools.h"
 
-// Reads a colour image file (PPM) into a new host array of float4 pixels,
+// Reads a colour image file (PPM, PNG or JPEG) into a new host array of float4 pixels,
 // R, G and B in 0 to 255 in x, y and z.  The caller frees it.
 vela::Array<float4, 2> loadColorImage(const std::string& path);
 
+// Results of a frame written beside the dense picture and the overlay, chosen
+// by optional configuration keys.
+struct FrameOutputs {
+    // "i writeLabels 1": outputStem + "_labels.png", the track label number
+    // of every pixel as an 8-bit palette PNG in the palette's colours.
+    bool labels = false;
+};
+
 // Segments one frame: the track points of `frame` give the sparse labels on
 // the device image `image`; writes outputStem + "_dense.ppm" and
-// outputStem + "_overlay.ppm".  A frame without usable track points writes
-// nothing.  Each label keeps its palette colour in every frame.
+// outputStem + "_overlay.ppm", and the results `outputs` asks for.  A frame
+// without usable track points writes nothing.  Each label keeps its palette
+// colour in every frame.
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
-                  unsigned int frame, const SegmentationSettings& settings);
+                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs = {});
 
 // Turns every "*dense*.ppm" of `resultFolder` (which ends with "/") into one
 // track file named like `trackPath` in that folder: one track of length 1 per

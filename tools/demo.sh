@@ -2,7 +2,7 @@
 # The demo: builds the program, generates a short synthetic video with
 # labelled point tracks and ground truth into demo-out/, segments every frame
 # in whole-folder mode, scores the result against the ground truth and says
-# where the pictures are.  Installs what a fresh machine lacks (as root).
+# where the pictures are, with all of them side by side in one PNG.  Installs what a fresh machine lacks (as root).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
@@ -10,7 +10,7 @@ vela_build_packages
 
 echo "== build"
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(vela_jobs)" --target denseseg make_demo score_segmentation >/dev/null
+cmake --build --preset default -j "$(vela_jobs)" --target denseseg make_demo score_segmentation contact_sheet >/dev/null
 
 out=demo-out
 echo "== generate the demo into $out/"
@@ -33,7 +33,12 @@ awk -v s="$start" -v e="$end" 'BEGIN { printf "segmentation took %.1f s\n", e - 
 echo "== score against the ground truth"
 build/tools/score_segmentation "$out/groundtruth" "$out/results/demo"
 
+sheet=$out/contact_sheet.png
+build/tools/contact_sheet "$out/frames" "$out/results/demo" "$out/groundtruth" "$sheet"
+
 echo
+echo "contact sheet (PNG; per frame: input, segmentation, overlay, ground truth):"
+echo "  $sheet"
 echo "pictures (binary PPM):"
 echo "  segmentations  $out/results/demo/frame_*_dense.ppm"
 echo "  overlays       $out/results/demo/frame_*_overlay.ppm"

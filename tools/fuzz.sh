@@ -13,11 +13,11 @@ vela_ensure_packages clang libclang-rt-dev libomp-dev
 seconds=${1:-60}
 runs=${2:--1}
 cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz -j "$(vela_jobs)" --target fuzz_image fuzz_tracks fuzz_config
+cmake --build --preset fuzz -j "$(vela_jobs)" --target fuzz_image fuzz_tracks fuzz_config fuzz_png fuzz_jpeg
 
 passed=0
 failed=0
-for reader in image tracks config; do
+for reader in image tracks config png jpeg; do
     work=build-fuzz/corpus/$reader
     crashes=build-fuzz/crashes/$reader
     log=build-fuzz/fuzz_$reader.log

@@ -1,7 +1,9 @@
 #include "src/driver.h"
 
 #include <gtest/gtest.h>
+#include <png.h>
 #include <sys/wait.h>
+#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "image/png_file.h"
 #include "tests/driver/test_files.h"
 
 namespace {
@@ -29,6 +32,16 @@ std::string ppm(int w, int h, const std::vector<Rgb>& pixels) {
     std::string s = "P6 \n" + std::to_string(w) + " " + std::to_string(h) + " \n255\n";
     for (const Rgb& p : pixels) s += {static_cast<char>(p[0]), static_cast<char>(p[1]), static_cast<char>(p[2])};
     return s;
+}
+
+// The pixels of a PPM made by ppm().
+std::vector<Rgb> readPpmBytes(const std::string& bytes) {
+    const std::size_t start = bytes.find("255\n") + 4;
+    std::vector<Rgb> pixels;
+    for (std::size_t at = start; at + 2 < bytes.size(); at += 3)
+        pixels.push_back({static_cast<unsigned char>(bytes[at]), static_cast<unsigned char>(bytes[at + 1]),
+                          static_cast<unsigned char>(bytes[at + 2])});
+    return pixels;
 }
 
 // The pixels, row by row, of a w x h PPM the program wrote.
@@ -288,6 +301,117 @@ TEST_F(Sequence, FailuresEndTheRunBeforeAnythingIsWrittenOverOrOfAnotherSize) {
     EXPECT_NE(inputs.err.find("data/f0_dense.ppm would replace an input file"), std::string::npos) << inputs.err;
     EXPECT_EQ(readFile(frame), halves());
     EXPECT_FALSE(fs::exists(folder / "data/f1_dense.ppm"));
+}
+
+// --- PNG and JPEG frames, label maps ------------------------------------------
+
+// The frame of halves() as 8-bit RGB.
+RgbImage halvesRgb() {
+    RgbImage image{kW, kH, {}};
+    for (const Rgb& p : readPpmBytes(halves())) image.rgb.insert(image.rgb.end(), p.begin(), p.end());
+    return image;
+}
+
+std::string jpegOf(const RgbImage& image) {
+    tjhandle tj = tjInitCompress();
+    unsigned char* out = nullptr;
+    unsigned long size = 0;
+    const int status =
+        tjCompress2(tj, image.rgb.data(), image.width, 0, image.height, TJPF_RGB, &out, &size, TJSAMP_444, 95, 0);
+    const std::string jpeg(reinterpret_cast<const char*>(out), size);
+    tjFree(out);
+    tjDestroy(tj);
+    EXPECT_EQ(status, 0);
+    return jpeg;
+}
+
+// A palette PNG read back through libpng: its colour table and one index per
+// pixel.
+struct LabelMap {
+    std::vector<Rgb> palette;
+    std::vector<int> index;
+};
+
+LabelMap readLabelMap(const std::string& path) {
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    LabelMap map;
+    EXPECT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0) << path << ": " << png.message;
+    EXPECT_TRUE(png.format & PNG_FORMAT_FLAG_COLORMAP) << path;
+    png.format = PNG_FORMAT_RGB_COLORMAP;
+    std::vector<unsigned char> colours(PNG_IMAGE_COLORMAP_SIZE(png)), pixels(PNG_IMAGE_SIZE(png));
+    EXPECT_NE(png_image_finish_read(&png, nullptr, pixels.data(), 0, colours.data()), 0) << png.message;
+    for (std::size_t i = 0; i + 2 < colours.size(); i += 3)
+        map.palette.push_back({colours[i], colours[i + 1], colours[i + 2]});
+    map.index.assign(pixels.begin(), pixels.end());
+    png_image_free(&png);
+    return map;
+}
+
+TEST_F(Sequence, PngAndJpegFramesSegmentLikePpmAndLabelMapsHoldTheTrackLabels) {
+    fs::create_directories(folder / "png");
+    for (const char* f : {"f0", "f1", "f2"}) {
+        png_file::writeRgb(halvesRgb(), folder / ("png/" + std::string(f) + ".png"));
+        folder.write("jpg/" + std::string(f) + ".JPG", jpegOf(halvesRgb()));
+    }
+    const Output ppmRun = runProgram(folder.str(), {"cfg", "f0.ppm", "t.dat", "-1", "ppm"});
+    ASSERT_EQ(ppmRun.status, 0) << ppmRun.err;
+    folder.write("png.cfg",
+                 "s dataDir png\ns tracksDir tracks\ns resultDir out\nf lambda 5\ni maxiter 200\n"
+                 "i writeLabels 1\n");
+    const Output pngRun = runProgram(folder.str(), {"png.cfg", "f0.png", "t.dat", "-1", "png"});
+    ASSERT_EQ(pngRun.status, 0) << pngRun.err;
+    for (const char* name : {"f0_dense.ppm", "f0_overlay.ppm", "f1_dense.ppm", "f1_overlay.ppm", "t.dat"})
+        EXPECT_EQ(readFile(folder / ("out/png/" + std::string(name))),
+                  readFile(folder / ("out/ppm/" + std::string(name))))
+            << name;
+    EXPECT_EQ(namesIn(folder / "out/png"), Names({"f0_dense.ppm", "f0_labels.png", "f0_overlay.ppm", "f1_dense.ppm",
+                                                  "f1_labels.png", "f1_overlay.ppm", "t.dat"}));
+
+    // Every pixel holds the track label whose palette colour the dense
+    // picture shows, and the colour table is the 100-entry palette.
+    for (const char* f : {"f0", "f1"}) {
+        const LabelMap map = readLabelMap(folder / ("out/png/" + std::string(f) + "_labels.png"));
+        const std::vector<Rgb> dense = readPpm(folder / ("out/png/" + std::string(f) + "_dense.ppm"), kW, kH);
+        ASSERT_EQ(map.palette.size(), 100u);
+        EXPECT_EQ(map.palette[5], kColour5);
+        EXPECT_EQ(map.palette[7], kColour7);
+        ASSERT_EQ(map.index.size(), dense.size());
+        for (std::size_t i = 0; i < dense.size(); ++i) {
+            ASSERT_TRUE(map.index[i] == 5 || map.index[i] == 7) << f << ": pixel " << i;
+            ASSERT_EQ(map.palette[map.index[i]], dense[i]) << f << ": pixel " << i;
+        }
+    }
+
+    folder.write("jpg.cfg", "s dataDir jpg\ns tracksDir tracks\ns resultDir out\nf lambda 5\ni maxiter 200\n");
+    const Output jpgRun = runProgram(folder.str(), {"jpg.cfg", "f0.JPG", "t.dat", "-1", "jpg"});
+    ASSERT_EQ(jpgRun.status, 0) << jpgRun.err;
+    expectHalves(folder / "out/jpg/f0_dense.ppm");
+    expectHalves(folder / "out/jpg/f1_dense.ppm");
+}
+
+TEST_F(Sequence, DamagedFramesAndBadLabelKeysStopTheRun) {
+    folder.write("bad/f0.png", "\x89PNG\r\n\x1a\n but nothing more");
+    folder.write("bad.cfg", "s dataDir bad\ns tracksDir tracks\ns resultDir out\n");
+    const Output damaged = runProgram(folder.str(), {"bad.cfg", "f0.png", "t.dat", "-1", "bad"});
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_EQ(damaged.err.rfind("denseseg: bad//f0.png: not a readable PNG file: ", 0), 0u) << damaged.err;
+    EXPECT_EQ(std::count(damaged.err.begin(), damaged.err.end(), '\n'), 1) << damaged.err;
+
+    folder.write("two.cfg", "s dataDir data\ns tracksDir tracks\ns resultDir out\ni writeLabels 2\n");
+    const Output key = runProgram(folder.str(), {"two.cfg", "f0.ppm", "t.dat", "0", "key"});
+    EXPECT_EQ(key.status, 255);
+    EXPECT_NE(key.err.find("writeLabels"), std::string::npos) << key.err;
+    EXPECT_EQ(key.out, "Input Format- <i|f|c|s> <key> <value>, use # for comments\n");
+
+    // A frame named like the label map of another, written into the frames'
+    // folder.
+    folder.write("cfg", "s dataDir png\ns tracksDir tracks\ns resultDir -\ni maxiter 10\ni writeLabels 1\n");
+    fs::create_directories(folder / "png");
+    for (const char* name : {"png/f0.png", "png/f0_labels.png"}) png_file::writeRgb(halvesRgb(), folder / name);
+    const Output inputs = runProgram(folder.str(), {"cfg", "f0.png", "t.dat", "-1", "png"});
+    EXPECT_EQ(inputs.status, 1);
+    EXPECT_NE(inputs.err.find("png/f0_labels.png would replace an input file"), std::string::npos) << inputs.err;
 }
 
 }  // namespace

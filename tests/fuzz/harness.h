@@ -12,5 +12,8 @@ namespace fuzz {
 void readImage(const std::uint8_t* data, std::size_t size);
 void readTracks(const std::uint8_t* data, std::size_t size);
 void readConfig(const std::uint8_t* data, std::size_t size);
+// PNG and JPEG frames, by the extension of the scratch file.
+void readPng(const std::uint8_t* data, std::size_t size);
+void readJpeg(const std::uint8_t* data, std::size_t size);
 
 }  // namespace fuzz

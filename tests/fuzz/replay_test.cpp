@@ -35,5 +35,7 @@ void replay(const std::string& reader, Reader read) {
 TEST(FuzzReplay, ImageReaders) { replay("image", fuzz::readImage); }
 TEST(FuzzReplay, TrackReader) { replay("tracks", fuzz::readTracks); }
 TEST(FuzzReplay, ConfigReader) { replay("config", fuzz::readConfig); }
+TEST(FuzzReplay, PngReader) { replay("png", fuzz::readPng); }
+TEST(FuzzReplay, JpegReader) { replay("jpeg", fuzz::readJpeg); }
 
 }  // namespace
