@@ -7,10 +7,14 @@
 # prints one table of scores and times (also written to eval-out/table.md).
 #
 #     tools/evaluate.sh            the full evaluation (about 10 minutes on 2 cores)
-#     tools/evaluate.sh --tiny     two small sequences, 2 frames, 50 iterations;
-#                                  needs only numpy (the walker runs when
-#                                  scikit-image is there) and installs nothing
-#                                  when the python3 found already has numpy
+#     tools/evaluate.sh --tiny     the scorer's checks, then two small sequences,
+#                                  2 frames, 50 iterations (seconds); needs only
+#                                  numpy (the walker runs when scikit-image is
+#                                  there) and installs nothing when the python3
+#                                  found already has numpy
+#     tools/evaluate.sh [--tiny] ARGS...   more options for the Python part, e.g.
+#                                  --sequences thin,many  --mode NAME=FILE.cfg
+#                                  (tools/evaluate.sh -- --help lists them)
 #
 # Environment: DENSESEG_BUILD (build folder), EVAL_PYTHON (a python3 to use
 # instead of making .venv-eval/), OMP_WAIT_POLICY (default passive).
@@ -18,11 +22,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 tiny=
-case "${1:-}" in
-    "") ;;
-    --tiny) tiny=--tiny ;;
-    *) echo "usage: tools/evaluate.sh [--tiny]" >&2; exit 2 ;;
-esac
+if [ "${1:-}" = --tiny ]; then
+    tiny=--tiny
+    shift
+fi
+[ "${1:-}" = -- ] && shift
 started=$(date +%s)
 
 # The program and dump_seeds.
@@ -43,15 +47,14 @@ if [ -z "$python" ]; then
     if [ -n "$tiny" ] && python3 -c "import numpy" 2>/dev/null; then
         python=python3
     else
-        packages="numpy scikit-image"
-        [ -n "$tiny" ] && packages=numpy
+        packages="numpy scikit-image" modules=numpy,skimage
+        [ -n "$tiny" ] && packages=numpy modules=numpy
         if [ ! -x .venv-eval/bin/python ]; then
             echo "== python environment in .venv-eval/"
             python3 -m venv .venv-eval
         fi
         # shellcheck disable=SC2086
-        .venv-eval/bin/python -c "import numpy${tiny:+ as skimage}, skimage" 2>/dev/null ||
-            .venv-eval/bin/python -m pip install -q $packages
+        .venv-eval/bin/python -c "import $modules" 2>/dev/null || .venv-eval/bin/python -m pip install -q $packages
         python=$PWD/.venv-eval/bin/python
     fi
 fi
@@ -66,5 +69,5 @@ else
 fi
 echo "== evaluation into $out/"
 root=$PWD
-(cd tools && "$python" -m evaluation.evaluate --build "$root/$build" --out "$root/$out" $tiny)
+(cd tools && "$python" -m evaluation.evaluate --build "$root/$build" --out "$root/$out" $tiny "$@")
 echo "the whole command took $(( $(date +%s) - started )) s"

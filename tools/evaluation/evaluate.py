@@ -43,11 +43,17 @@ def machine() -> str:
     return f"{cpu}, {os.cpu_count()} cores"
 
 
-def evaluate(build: Path, out: Path, tiny: bool, walker: bool) -> str:
+def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] | None = None,
+             extra_modes: list[run.Mode] | None = None) -> str:
     repo = Path(__file__).resolve().parents[2]
     tools = run.Tools(build)
     specs, frames = generate.tiny_set() if tiny else generate.full_set()
-    modes = run.default_modes(repo, maxiter=50 if tiny else None)
+    if only:
+        unknown = set(only) - {s.name for s in specs}
+        if unknown:
+            raise SystemExit(f"unknown sequences {sorted(unknown)}; there are {[s.name for s in specs]}")
+        specs = [s for s in specs if s.name in only]
+    modes = run.default_modes(repo, maxiter=50 if tiny else None) + (extra_modes or [])
     methods = [m.name for m in modes] + ([WALKER] if walker else [])
     textures = generate.Textures(use_photos=not tiny)
 
@@ -117,12 +123,24 @@ def main(argv: list[str] | None = None) -> int:
     parser.add_argument("--build", type=Path, required=True, help="build folder with src/denseseg and tools/dump_seeds")
     parser.add_argument("--out", type=Path, default=None, help="output folder (eval-out/ or eval-out-tiny/)")
     parser.add_argument("--tiny", action="store_true", help="two small sequences, 2 frames, 50 iterations")
+    parser.add_argument("--sequences", default="", help="comma-separated names of the sequences to run (default all)")
+    parser.add_argument("--mode", action="append", default=[], metavar="NAME=FILE",
+                        help="one more mode of the program: configuration lines from FILE, without folder keys "
+                             "(may be given more than once)")
+    parser.add_argument("--no-walker", action="store_true", help="leave the random walker out")
     args = parser.parse_args(argv)
+    extra = []
+    for item in args.mode:
+        name, sep, file = item.partition("=")
+        if not sep or not name:
+            parser.error(f"--mode takes NAME=FILE, got {item!r}")
+        extra.append(run.mode_from_file(name, Path(file)))
     out = args.out or Path("eval-out-tiny" if args.tiny else "eval-out")
-    walker = have_walker()
-    if not walker:
+    walker = not args.no_walker and have_walker()
+    if not walker and not args.no_walker:
         print("scikit-image is not installed: the random walker is left out", file=sys.stderr)
-    print(evaluate(args.build.resolve(), out.resolve(), args.tiny, walker))
+    only = [n for n in args.sequences.split(",") if n]
+    print(evaluate(args.build.resolve(), out.resolve(), args.tiny, walker, only, extra))
     return 0
 
 

@@ -9,6 +9,7 @@ import dataclasses
 import os
 import subprocess
 import time
+import warnings
 from pathlib import Path
 
 import numpy as np
@@ -35,6 +36,13 @@ class Mode:
 
 def definition_mode(name: str, folder: str, lam: float, maxiter: int) -> Mode:
     return Mode(name, folder, [f"f lambda {lam}", f"i maxiter {maxiter}"])
+
+
+def mode_from_file(name: str, path: Path) -> Mode:
+    """A mode whose configuration lines are those of a file."""
+    lines = [l.strip() for l in Path(path).read_text().splitlines() if l.strip()]
+    folder = "".join(c if (c.isascii() and c.isalnum()) or c in "-_." else "_" for c in name)
+    return Mode(name, folder, lines)
 
 
 def recommended_mode(repo: Path, maxiter: int | None = None) -> Mode:
@@ -135,8 +143,11 @@ def run_walker(tools: Tools, folder: Path) -> RunResult:
         if not markers.any():
             predictions.append(np.full(seeds.shape, -1, dtype=np.int32))
             continue
-        start = time.perf_counter()
-        labels = random_walker(image, markers, beta=WALKER_BETA, channel_axis=-1)
-        seconds += time.perf_counter() - start
+        with warnings.catch_warnings():
+            # Its note that probabilities leave [0, 1] by the solver's tolerance.
+            warnings.simplefilter("ignore", UserWarning)
+            start = time.perf_counter()
+            labels = random_walker(image, markers, beta=WALKER_BETA, channel_axis=-1)
+            seconds += time.perf_counter() - start
         predictions.append(labels.astype(np.int32) - 1)
     return RunResult(predictions, seconds / len(predictions))
