@@ -274,7 +274,8 @@ def entering_leaving(tex: Textures, rng, w, h) -> tuple[np.ndarray, list[SceneOb
     objects = []
     speed = max(6, w // 30)
     r = 0.16 * min(w, h)
-    starts = [(-0.5 * r, 0.3 * h, (speed, 1)), (w + 0.4 * r, 0.7 * h, (-speed, -1)),
+    # The first one is wholly outside in frame 0.
+    starts = [(-1.3 * r, 0.3 * h, (speed, 1)), (w + 0.4 * r, 0.7 * h, (-speed, -1)),
               (0.85 * w, 0.5 * h, (speed, 0)), (0.5 * w, 0.1 * h, (1, -speed // 2)),
               (0.4 * w, 0.6 * h, (-2, 2))]
     for i, (x, y, v) in enumerate(starts):
