@@ -94,7 +94,8 @@ def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] |
     footer = [timing_line] if timing_line else []
     footer.append(f"machine: {machine()}; methods and scoring took {total:.0f} s")
     footer.append("boundary F: 4-neighbour boundary pixels matched within 2 px (Chebyshev distance); "
-                  "the program's s/frame is the wall time of its whole-folder run / frames")
+                  "the program's s/frame is the wall time of its whole-folder run / frames, "
+                  "the random walker's the time of its random_walker calls / frames")
     text = table + "\n\n" + "\n\n".join(footer) + "\n"
     out.mkdir(parents=True, exist_ok=True)
     (out / "table.md").write_text(text)
