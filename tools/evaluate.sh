@@ -13,7 +13,8 @@
 #                                  there) and installs nothing when the python3
 #                                  found already has numpy
 #     tools/evaluate.sh [--tiny] ARGS...   more options for the Python part, e.g.
-#                                  --sequences thin,many  --mode NAME=FILE.cfg
+#                                  --sequences thin,many  --methods recommended,walker
+#                                  --mode NAME=FILE.cfg
 #                                  (tools/evaluate.sh -- --help lists them)
 #
 # Environment: DENSESEG_BUILD (build folder), EVAL_PYTHON (a python3 to use

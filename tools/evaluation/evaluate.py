@@ -44,7 +44,7 @@ def machine() -> str:
 
 
 def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] | None = None,
-             extra_modes: list[run.Mode] | None = None) -> str:
+             extra_modes: list[run.Mode] | None = None, methods_wanted: list[str] | None = None) -> str:
     repo = Path(__file__).resolve().parents[2]
     tools = run.Tools(build)
     specs, frames = generate.tiny_set() if tiny else generate.full_set()
@@ -54,6 +54,12 @@ def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] |
             raise SystemExit(f"unknown sequences {sorted(unknown)}; there are {[s.name for s in specs]}")
         specs = [s for s in specs if s.name in only]
     modes = run.default_modes(repo, maxiter=50 if tiny else None) + (extra_modes or [])
+    if methods_wanted:
+        known = [m.folder for m in modes] + ["walker"]
+        if set(methods_wanted) - set(known):
+            raise SystemExit(f"unknown methods {sorted(set(methods_wanted) - set(known))}; there are {known}")
+        modes = [m for m in modes if m.folder in methods_wanted]
+        walker = walker and "walker" in methods_wanted
     methods = [m.name for m in modes] + ([WALKER] if walker else [])
     textures = generate.Textures(use_photos=not tiny)
 
@@ -129,6 +135,9 @@ def main(argv: list[str] | None = None) -> int:
                         help="one more mode of the program: configuration lines from FILE, without folder keys "
                              "(may be given more than once)")
     parser.add_argument("--no-walker", action="store_true", help="leave the random walker out")
+    parser.add_argument("--methods", default="",
+                        help="comma-separated methods to run, by result folder name: definition, "
+                             "definition-lambda10, recommended, the names of --mode, walker (default all)")
     args = parser.parse_args(argv)
     extra = []
     for item in args.mode:
@@ -141,7 +150,8 @@ def main(argv: list[str] | None = None) -> int:
     if not walker and not args.no_walker:
         print("scikit-image is not installed: the random walker is left out", file=sys.stderr)
     only = [n for n in args.sequences.split(",") if n]
-    print(evaluate(args.build.resolve(), out.resolve(), args.tiny, walker, only, extra))
+    wanted = [n for n in args.methods.split(",") if n]
+    print(evaluate(args.build.resolve(), out.resolve(), args.tiny, walker, only, extra, wanted))
     return 0
 
 
