@@ -37,7 +37,8 @@ int printPalette() {
     std::vector<float4> table(n);
     vela::Array<float4, 1> host = seg::hostView1D(table.data(), static_cast<unsigned>(n));
     vela::arrayCopy(host, seg.colorCode);
-    for (const float4& c : table) std::printf("%d %d %d\n", static_cast<int>(c.x), static_cast<int>(c.y), static_cast<int>(c.z));
+    for (const float4& c : table)
+        std::printf("%d %d %d\n", static_cast<int>(c.x), static_cast<int>(c.y), static_cast<int>(c.z));
     vela::freeArray(seg.colorCode);
     return 0;
 }

@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import argparse
 import collections
+import os
 import platform
 import sys
 import time
@@ -39,7 +40,6 @@ def machine() -> str:
                 break
     except OSError:
         pass
-    import os
     return f"{cpu}, {os.cpu_count()} cores"
 
 

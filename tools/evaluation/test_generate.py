@@ -57,7 +57,7 @@ class SequenceTest(unittest.TestCase):
         seq, truths, _ = make(generate.thin_structures, w=320, h=240, frames=1)
         for obj in seq.objects:
             m = truths[0] == obj.label
-            # Eroding by one pixel on each side leaves almost nothing of a 2-4 px structure.
+            # Eroding by 2 px from each side leaves almost nothing of a 2-4 px structure.
             inner = ~score.dilate(~m, 2)
             self.assertLess(np.count_nonzero(inner), 0.1 * np.count_nonzero(m), obj.label)
 
