@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# The evaluation, one command: builds the program (host preset) unless
+# DENSESEG_BUILD names a build folder that has it, makes a Python environment
+# with numpy and scikit-image in .venv-eval/, generates synthetic sequences
+# with exact ground truth and labelled tracks, segments them with the program
+# in each mode and with scikit-image's random walker on the same seeds, and
+# prints one table of scores and times (also written to eval-out/table.md).
+#
+#     tools/evaluate.sh            the full evaluation (about 10 minutes on 2 cores)
+#     tools/evaluate.sh --tiny     the scorer's checks, then two small sequences,
+#                                  2 frames, 50 iterations (seconds); needs only
+#                                  numpy (the walker runs when scikit-image is
+#                                  there) and installs nothing when the python3
+#                                  found already has numpy
+#     tools/evaluate.sh [--tiny] ARGS...   more options for the Python part, e.g.
+#                                  --sequences thin,many  --methods recommended,walker
+#                                  --mode NAME=FILE.cfg
+#                                  (tools/evaluate.sh -- --help lists them)
+#
+# Environment: DENSESEG_BUILD (build folder), EVAL_PYTHON (a python3 to use
+# instead of making .venv-eval/), OMP_WAIT_POLICY (default passive).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+tiny=
+if [ "${1:-}" = --tiny ]; then
+    tiny=--tiny
+    shift
+fi
+[ "${1:-}" = -- ] && shift
+started=$(date +%s)
+
+# The program and dump_seeds.
+if [ -n "${DENSESEG_BUILD:-}" ]; then
+    build=$DENSESEG_BUILD
+else
+    . tools/deps.sh
+    vela_build_packages
+    echo "== build (host preset)"
+    cmake --preset host >/dev/null
+    cmake --build --preset host -j "$(vela_jobs)" --target denseseg dump_seeds >/dev/null
+    build=build-host
+fi
+
+# Python with numpy (and scikit-image for the full run).
+python=${EVAL_PYTHON:-}
+if [ -z "$python" ]; then
+    if [ -n "$tiny" ] && python3 -c "import numpy" 2>/dev/null; then
+        python=python3
+    else
+        packages="numpy scikit-image" modules=numpy,skimage
+        [ -n "$tiny" ] && packages=numpy modules=numpy
+        if [ ! -x .venv-eval/bin/python ]; then
+            echo "== python environment in .venv-eval/"
+            python3 -m venv .venv-eval
+        fi
+        # shellcheck disable=SC2086
+        .venv-eval/bin/python -c "import $modules" 2>/dev/null || .venv-eval/bin/python -m pip install -q $packages
+        python=$PWD/.venv-eval/bin/python
+    fi
+fi
+
+export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
+if [ -n "$tiny" ]; then
+    echo "== scorer checks"
+    "$python" tools/evaluation/test_score.py
+    out=eval-out-tiny
+else
+    out=eval-out
+fi
+echo "== evaluation into $out/"
+root=$PWD
+(cd tools && "$python" -m evaluation.evaluate --build "$root/$build" --out "$root/$out" $tiny "$@")
+echo "the whole command took $(( $(date +%s) - started )) s"

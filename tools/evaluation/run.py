@@ -1,0 +1,153 @@
+"""Runs the methods on a generated sequence: the program in each of its modes,
+in whole-folder mode as a user runs it, and the random walker of scikit-image
+on exactly the seeds the program reads.  Each run yields predicted label
+images (object numbers) and its seconds per frame."""
+
+from __future__ import annotations
+
+import dataclasses
+import os
+import subprocess
+import time
+import warnings
+from pathlib import Path
+
+import numpy as np
+
+from . import pnm, score
+
+# The folder keys every mode's configuration gets; folders are relative to the
+# sequence's folder, where the program runs.
+FOLDER_LINES = ("s dataDir frames", "s tracksDir -", "s resultDir results")
+
+WALKER_BETA = 500.0
+# Seed image value of an unlabelled pixel (dump_seeds).
+UNSEEDED = 255
+
+
+@dataclasses.dataclass
+class Mode:
+    """A mode of the program: a name for the table, a result folder name, and
+    the configuration lines without the folder keys."""
+    name: str
+    folder: str
+    lines: list[str]
+
+
+def definition_mode(name: str, folder: str, lam: float, maxiter: int) -> Mode:
+    return Mode(name, folder, [f"f lambda {lam}", f"i maxiter {maxiter}"])
+
+
+def mode_from_file(name: str, path: Path) -> Mode:
+    """A mode whose configuration lines are those of a file."""
+    lines = [l.strip() for l in Path(path).read_text().splitlines() if l.strip()]
+    folder = "".join(c if (c.isascii() and c.isalnum()) or c in "-_." else "_" for c in name)
+    return Mode(name, folder, lines)
+
+
+def recommended_mode(repo: Path, maxiter: int | None = None) -> Mode:
+    """The lines of configs/recommended.cfg; until that file exists, the
+    definition's settings stand in for it (and the name says so)."""
+    path = repo / "configs" / "recommended.cfg"
+    if path.exists():
+        lines = [l.strip() for l in path.read_text().splitlines() if l.strip()]
+        name = "recommended"
+    else:
+        lines = ["f lambda 100", "i maxiter 500"]
+        name = "recommended (placeholder)"
+    if maxiter is not None:
+        lines.append(f"i maxiter {maxiter}")  # the last line for a key wins
+    return Mode(name, "recommended", lines)
+
+
+def default_modes(repo: Path, maxiter: int | None = None) -> list[Mode]:
+    it = maxiter or 500
+    return [
+        definition_mode("definition", "definition", 100, it),
+        definition_mode("definition-λ10", "definition-lambda10", 10, it),
+        recommended_mode(repo, maxiter),
+    ]
+
+
+@dataclasses.dataclass
+class RunResult:
+    predictions: list[np.ndarray]  # one label image per frame
+    seconds_per_frame: float
+
+
+class Tools:
+    """The built programs: the segmentation tool and dump_seeds."""
+
+    def __init__(self, build: Path):
+        self.denseseg = build / "src" / "denseseg"
+        self.dump_seeds = build / "tools" / "dump_seeds"
+        for exe in (self.denseseg, self.dump_seeds):
+            if not exe.exists():
+                raise FileNotFoundError(f"{exe} is missing: build the targets denseseg and dump_seeds")
+        out = subprocess.run([str(self.dump_seeds), "palette"], check=True, capture_output=True, text=True).stdout
+        self.palette = np.array([[int(v) for v in line.split()] for line in out.splitlines()], dtype=np.int64)
+
+    def seeds(self, folder: Path, frame: int, width: int, height: int) -> np.ndarray:
+        """The seed image of a frame: label numbers, UNSEEDED elsewhere."""
+        out = folder / "seeds" / f"seeds_{frame:03d}.pgm"
+        out.parent.mkdir(exist_ok=True)
+        subprocess.run([str(self.dump_seeds), "seeds", str(folder / "tracks.dat"), str(frame), str(width),
+                        str(height), str(out)], check=True, capture_output=True)
+        return pnm.read(out)
+
+
+def frame_paths(folder: Path) -> list[Path]:
+    return sorted((folder / "frames").glob("*.ppm"))
+
+
+def run_program(tools: Tools, folder: Path, mode: Mode) -> RunResult:
+    """Segments every frame of the sequence in one process and decodes the
+    colour-coded results; the time is the process's wall time per frame."""
+    frames = frame_paths(folder)
+    config = folder / f"{mode.folder}.cfg"
+    config.write_text("\n".join(mode.lines + list(FOLDER_LINES)) + "\n")
+    results = folder / "results" / mode.folder
+    if results.exists():  # the track export lists every dense result there
+        for f in results.iterdir():
+            f.unlink()
+    env = dict(os.environ, OMP_WAIT_POLICY=os.environ.get("OMP_WAIT_POLICY", "passive"))
+    start = time.perf_counter()
+    proc = subprocess.run([str(tools.denseseg), config.name, frames[0].name, "tracks.dat", "-1", mode.folder],
+                          cwd=folder, env=env, capture_output=True, text=True)
+    seconds = time.perf_counter() - start
+    (folder / f"{mode.folder}.log").write_text(proc.stdout + proc.stderr)
+    if proc.returncode != 0:
+        raise RuntimeError(f"{mode.name} on {folder.name}: exit status {proc.returncode}\n{proc.stderr[-2000:]}")
+    predictions = []
+    for frame in frames:
+        dense = results / f"{frame.stem}_dense.ppm"
+        if dense.exists():
+            predictions.append(score.decode_colours(pnm.read(dense), tools.palette))
+        else:  # a frame without seeds gets no result
+            shape = pnm.read(frame).shape[:2]
+            predictions.append(np.full(shape, -1, dtype=np.int32))
+    return RunResult(predictions, seconds / len(frames))
+
+
+def run_walker(tools: Tools, folder: Path) -> RunResult:
+    """scikit-image's random walker (beta 500, its default mode) per frame on
+    the program's seeds; the time is that of the random_walker calls."""
+    from skimage.segmentation import random_walker
+
+    predictions, seconds = [], 0.0
+    for t, frame in enumerate(frame_paths(folder)):
+        image = pnm.read(frame).astype(np.float64) / 255.0
+        seeds = tools.seeds(folder, t, image.shape[1], image.shape[0]).astype(np.int32)
+        # The walker takes 0 as unlabelled and positive numbers as labels.
+        markers = np.where(seeds == UNSEEDED, 0, seeds + 1)
+        if not markers.any():
+            predictions.append(np.full(seeds.shape, -1, dtype=np.int32))
+            continue
+        with warnings.catch_warnings():
+            # Its note that probabilities leave [0, 1] by the solver's tolerance.
+            warnings.simplefilter("ignore", UserWarning)
+            start = time.perf_counter()
+            labels = random_walker(image, markers, beta=WALKER_BETA, channel_axis=-1)
+            seconds += time.perf_counter() - start
+        predictions.append(labels.astype(np.int32) - 1)
+    return RunResult(predictions, seconds / len(predictions))
