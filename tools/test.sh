@@ -2,7 +2,8 @@
 # Builds everything and runs every test, installing what a fresh machine lacks:
 #   1. the release build, which also compiles and links the cuda backend when
 #      the CUDA toolkit is present, and its tests (on the GPU if there is one,
-#      otherwise on the host backend);
+#      otherwise on the host backend), and a tiny run of the evaluation
+#      (tools/evaluate.sh --tiny: its scorer checks and two small sequences);
 #   2. the Python package, installed with pip into a fresh virtual
 #      environment (host backend only, to keep this step short), and its tests,
 #      which compare it with the program of step 1;
@@ -27,6 +28,9 @@ echo "== release build (VELA_CUDA=$cuda)"
 cmake --preset default -DVELA_CUDA=$cuda >/dev/null
 cmake --build --preset default -j "$(vela_jobs)"
 ctest --preset default -j "$(vela_jobs)"
+
+echo "== evaluation, tiny version (its scorer checks and two small sequences)"
+DENSESEG_BUILD=build tools/evaluate.sh --tiny
 
 echo "== Python package in a fresh virtual environment (VELA_CUDA=OFF)"
 vela_python_packages
