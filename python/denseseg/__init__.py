@@ -47,13 +47,13 @@ TRACK_LABEL_LIMIT: int = _core.TRACK_LABEL_LIMIT
 #: arguments: ``denseseg.segment(image, seeds, **denseseg.RECOMMENDED)``.
 RECOMMENDED: dict = {
     "lam": 100.0,
-    "iterations": 500,
+    "iterations": 300,
     "model": 1,
     "data_term": "walker",
     "data_weight": 1.0,
     "walker_beta": 500.0,
     "walker_iterations": 400,
-    "walker_tolerance": 0.001,
+    "walker_tolerance": 0.003,
     "seed_check_radius": 20,
     "seed_check_share": 0.25,
     "seed_check_beta": 50.0,
