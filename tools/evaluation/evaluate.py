@@ -47,12 +47,12 @@ def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] |
              extra_modes: list[run.Mode] | None = None, methods_wanted: list[str] | None = None) -> str:
     repo = Path(__file__).resolve().parents[2]
     tools = run.Tools(build)
-    specs, frames = generate.tiny_set() if tiny else generate.full_set()
+    plans, frames = generate.tiny_set() if tiny else generate.full_set()
     if only:
-        unknown = set(only) - {s.name for s in specs}
+        unknown = set(only) - {s.name for s in plans}
         if unknown:
-            raise SystemExit(f"unknown sequences {sorted(unknown)}; there are {[s.name for s in specs]}")
-        specs = [s for s in specs if s.name in only]
+            raise SystemExit(f"unknown sequences {sorted(unknown)}; there are {[s.name for s in plans]}")
+        plans = [s for s in plans if s.name in only]
     modes = run.default_modes(repo, maxiter=50 if tiny else None) + (extra_modes or [])
     if methods_wanted:
         known = [m.folder for m in modes] + ["walker"]
@@ -68,15 +68,15 @@ def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] |
     timing: dict[tuple[str, str], list[float]] = collections.defaultdict(lambda: [0.0, 0])
     classes: list[str] = []
     started = time.perf_counter()
-    for spec in specs:
-        seq = generate.build(spec, frames, textures)
-        folder = out / "data" / spec.name
+    for plan in plans:
+        seq = generate.build(plan, frames, textures)
+        folder = out / "data" / plan.name
         generate.write_sequence(seq, folder)
         truth = np.load(folder / "truth.npy")
-        if spec.scene_class not in classes:
-            classes.append(spec.scene_class)
+        if plan.scene_class not in classes:
+            classes.append(plan.scene_class)
         labels = len({0} | {o.label for o in seq.objects})
-        print(f"== {spec.name}: {spec.scene_class}, {spec.width}x{spec.height}, {frames} frames, {labels} labels",
+        print(f"== {plan.name}: {plan.scene_class}, {plan.width}x{plan.height}, {frames} frames, {labels} labels",
               flush=True)
         runs = [(m.name, lambda m=m: run.run_program(tools, folder, m)) for m in modes]
         if walker:
@@ -84,9 +84,9 @@ def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] |
         for name, go in runs:
             result = go()
             frame_scores = [score.score_frame(p, t) for p, t in zip(result.predictions, truth)]
-            scores[(spec.scene_class, name)].extend(frame_scores)
-            timing[(spec.scene_class, name)][0] += result.seconds_per_frame * frames
-            timing[(spec.scene_class, name)][1] += frames
+            scores[(plan.scene_class, name)].extend(frame_scores)
+            timing[(plan.scene_class, name)][0] += result.seconds_per_frame * frames
+            timing[(plan.scene_class, name)][1] += frames
             print(f"   {name:28s} mIoU {np.mean([s.miou for s in frame_scores]):.3f}  "
                   f"{result.seconds_per_frame:7.2f} s/frame", flush=True)
     total = time.perf_counter() - started

@@ -308,7 +308,7 @@ def ordinary(tex: Textures, rng, w, h, count: int | None = None) -> tuple[np.nda
 # --- the set of sequences ------------------------------------------------------
 
 @dataclasses.dataclass
-class SequenceSpec:
+class SequencePlan:
     name: str
     scene_class: str
     builder: Callable
@@ -322,33 +322,33 @@ class SequenceSpec:
 TIMING_CLASS = "ordinary 640x480"
 
 
-def full_set(frames: int = 3) -> tuple[list[SequenceSpec], int]:
-    specs = [
-        SequenceSpec("thin", "thin structures", thin_structures, 320, 240, 101),
-        SequenceSpec("lowcontrast", "low contrast", low_contrast, 320, 240, 102),
-        SequenceSpec("many", "24 small objects", many_objects, 320, 240, 103),
-        SequenceSpec("entering", "entering/leaving", entering_leaving, 320, 240, 104),
-        SequenceSpec("ordinary1", "ordinary", ordinary, 320, 240, 105),
-        SequenceSpec("ordinary2", "ordinary", ordinary, 320, 240, 106),
-        SequenceSpec("oddsize", "odd size 317x239", ordinary, 317, 239, 107),
-        SequenceSpec("large", TIMING_CLASS, ordinary, 640, 480, 108, {"count": 5}),
+def full_set(frames: int = 3) -> tuple[list[SequencePlan], int]:
+    plans = [
+        SequencePlan("thin", "thin structures", thin_structures, 320, 240, 101),
+        SequencePlan("lowcontrast", "low contrast", low_contrast, 320, 240, 102),
+        SequencePlan("many", "24 small objects", many_objects, 320, 240, 103),
+        SequencePlan("entering", "entering/leaving", entering_leaving, 320, 240, 104),
+        SequencePlan("ordinary1", "ordinary", ordinary, 320, 240, 105),
+        SequencePlan("ordinary2", "ordinary", ordinary, 320, 240, 106),
+        SequencePlan("oddsize", "odd size 317x239", ordinary, 317, 239, 107),
+        SequencePlan("large", TIMING_CLASS, ordinary, 640, 480, 108, {"count": 5}),
     ]
-    return specs, frames
+    return plans, frames
 
 
-def tiny_set() -> tuple[list[SequenceSpec], int]:
-    specs = [
-        SequenceSpec("thin", "thin structures", thin_structures, 96, 72, 201),
-        SequenceSpec("ordinary", "ordinary", ordinary, 97, 71, 202, {"count": 3}),
+def tiny_set() -> tuple[list[SequencePlan], int]:
+    plans = [
+        SequencePlan("thin", "thin structures", thin_structures, 96, 72, 201),
+        SequencePlan("ordinary", "ordinary", ordinary, 97, 71, 202, {"count": 3}),
     ]
-    return specs, 2
+    return plans, 2
 
 
-def build(spec: SequenceSpec, frames: int, textures: Textures) -> Sequence:
-    rng = np.random.default_rng(spec.seed)
-    background, objects = spec.builder(textures, rng, spec.width, spec.height, **spec.kwargs)
+def build(plan: SequencePlan, frames: int, textures: Textures) -> Sequence:
+    rng = np.random.default_rng(plan.seed)
+    background, objects = plan.builder(textures, rng, plan.width, plan.height, **plan.kwargs)
     assert all(o.label < 100 for o in objects), "label numbers must stay below 100"
-    return Sequence(spec.name, spec.scene_class, spec.width, spec.height, frames, background, objects, spec.seed)
+    return Sequence(plan.name, plan.scene_class, plan.width, plan.height, frames, background, objects, plan.seed)
 
 
 # --- tracks --------------------------------------------------------------------

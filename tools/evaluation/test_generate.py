@@ -25,8 +25,8 @@ TEXTURES = generate.Textures(use_photos=False)
 
 
 def make(builder, w=160, h=120, seed=5, frames=3, **kwargs):
-    spec = generate.SequenceSpec("s", "c", builder, w, h, seed, kwargs)
-    seq = generate.build(spec, frames, TEXTURES)
+    plan = generate.SequencePlan("s", "c", builder, w, h, seed, kwargs)
+    seq = generate.build(plan, frames, TEXTURES)
     truths = [seq.render(t)[1] for t in range(frames)]
     return seq, truths, generate.make_tracks(seq, truths)
 
