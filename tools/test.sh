@@ -31,6 +31,9 @@ ctest --preset default -j "$(vela_jobs)"
 
 echo "== evaluation, tiny version (its scorer checks and two small sequences)"
 DENSESEG_BUILD=build tools/evaluate.sh --tiny
+# The evaluation's own tests, now that its Python environment exists.
+cmake --preset default -DVELA_CUDA=$cuda >/dev/null
+ctest --preset default -R evaluation
 
 echo "== Python package in a fresh virtual environment (VELA_CUDA=OFF)"
 vela_python_packages
