@@ -7,11 +7,11 @@
 #include <utility>
 #include <vector>
 
-#include "tests/driver/test_files.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
-using driver_test::ScratchFolder;
+using testsupport::ScratchFolder;
 
 TEST(Config, ReadsEntriesCommentsAndTheLastValueOfAKey) {
     ScratchFolder folder("config");
@@ -82,7 +82,7 @@ TEST(ConfigDeath, BadEntriesAndMissingFilesEndWithStatus255) {
                                  "i maxiter 99999999999\n", "i maxiter\n", "s dataDir\n", "i\n", "i maxiter 1.5\n"})
         cases.emplace_back(folder.write("cfg" + std::to_string(cases.size()), contents), formatLine);
     for (const auto& [path, pattern] : cases)
-        EXPECT_EXIT(loadWithStdoutOnStderr(path), testing::ExitedWithCode(255), pattern) << driver_test::readFile(path);
+        EXPECT_EXIT(loadWithStdoutOnStderr(path), testing::ExitedWithCode(255), pattern) << testsupport::readFile(path);
 }
 
 }  // namespace

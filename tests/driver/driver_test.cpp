@@ -17,13 +17,13 @@
 #include <vector>
 
 #include "image/png_file.h"
-#include "tests/driver/test_files.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using driver_test::readFile;
-using driver_test::ScratchFolder;
+using testsupport::readFile;
+using testsupport::ScratchFolder;
 using Rgb = std::array<int, 3>;
 using Names = std::vector<std::string>;
 

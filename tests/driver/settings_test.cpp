@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "tests/driver/test_files.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
-using driver_test::ScratchFolder;
+using testsupport::ScratchFolder;
 
 bool read(const std::string& contents, SegmentationSettings& settings, std::string& error) {
     static const ScratchFolder folder("settings");

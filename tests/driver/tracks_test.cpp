@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "tests/driver/test_files.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
-using driver_test::ScratchFolder;
+using testsupport::ScratchFolder;
 using Marks = std::map<std::pair<int, int>, float>;
 
 // Reads one frame into a fresh 16 x 8 label image filled with -1, capturing

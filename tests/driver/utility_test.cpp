@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "tests/driver/test_files.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
-using driver_test::ScratchFolder;
+using testsupport::ScratchFolder;
 using Parts = std::vector<std::string>;
 
 // A name without a dot is its own extension.

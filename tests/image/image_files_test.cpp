@@ -15,6 +15,7 @@
 #include "image/CMatrix.h"
 #include "image/CTensor.h"
 #include "tests/algorithms/device_buffer.h"
+#include "tests/support/scratch_folder.h"
 #include "vela/cmatrixlib_interface.h"
 
 namespace {
@@ -22,33 +23,16 @@ namespace {
 using vela_test::DeviceBuffer;
 using namespace std::string_literals;
 
-// A fresh temporary directory, removed when the test ends.
-class TempDir {
- public:
-    TempDir() {
-        std::string name = (std::filesystem::temp_directory_path() / "vela-image-test-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
-        path_ = name;
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-    std::filesystem::path path_;
-};
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+using TempDir = testsupport::ScratchFolder;
+using testsupport::readFile;
 
 void writeFile(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
 TEST(PpmFiles, RoundTripWithTheExactHeaderAndPixelOrder) {
-    TempDir dir;
+    TempDir dir{"image"};
     CTensor<float> t(5, 3, 3);
     for (std::size_t i = 0; i < t.size(); ++i) t.data[i] = static_cast<float>(i * 7 % 256);
-    const std::string path = dir.file("ramp.ppm");
+    const std::string path = dir / "ramp.ppm";
     t.writeToPPM(path.c_str());
     const std::string bytes = readFile(path);
     const std::string header = "P6 \n5 3 \n255\n";
@@ -62,17 +46,17 @@ TEST(PpmFiles, RoundTripWithTheExactHeaderAndPixelOrder) {
     ASSERT_TRUE(back.xSize == 5 && back.ySize == 3 && back.zSize == 3);
     EXPECT_TRUE(std::equal(t.data, t.data + t.size(), back.data));
     const CTensor<float> copy = back;  // file -> tensor -> file, through a copy
-    copy.writeToImage(dir.file("again.PPM").c_str());
-    EXPECT_EQ(readFile(dir.file("again.PPM")), bytes);
+    copy.writeToImage((dir / "again.PPM").c_str());
+    EXPECT_EQ(readFile((dir / "again.PPM")), bytes);
 }
 
 // Comments after the magic line are skipped.  A cut header is refused with
 // the file's name; samples the file lacks read as -1.
 TEST(PpmFiles, CommentsAreSkippedAndEveryTruncationReadsOrFailsCleanly) {
-    TempDir dir;
+    TempDir dir{"image"};
     const std::string whole = "P6\n# written by hand\n# 99 99\n3 2\n255\n" + std::string(18, '\x07');
     const std::size_t headerSize = whole.size() - 18;
-    const std::string path = dir.file("cut.ppm");
+    const std::string path = dir / "cut.ppm";
     for (std::size_t n = 0; n <= whole.size(); ++n) {
         writeFile(path, whole.substr(0, n));
         CTensor<float> t;
@@ -89,30 +73,30 @@ TEST(PpmFiles, CommentsAreSkippedAndEveryTruncationReadsOrFailsCleanly) {
 }
 
 TEST(ImageFiles, SamplesAreWrittenAsTheLowByteOfTheirTruncatedValue) {
-    TempDir dir;
+    TempDir dir{"image"};
     CTensor<float> t(7, 1, 1);
     const float values[] = {256.0f, -1.0f, 12.7f, 255.9f, 511.0f, -0.5f, NAN};
     std::copy(values, values + 7, t.data);
-    t.writeToPPM(dir.file("wrap.ppm").c_str());  // one plane is repeated as grey
-    EXPECT_EQ(readFile(dir.file("wrap.ppm")).substr(13, 6), "\0\0\0\xFF\xFF\xFF"s);
-    t.writeToPGM(dir.file("wrap.pgm").c_str());
-    EXPECT_EQ(readFile(dir.file("wrap.pgm")), "P5 \n7 1 \n255\n\x00\xFF\x0C\xFF\xFF\x00\x00"s);
+    t.writeToPPM((dir / "wrap.ppm").c_str());  // one plane is repeated as grey
+    EXPECT_EQ(readFile((dir / "wrap.ppm")).substr(13, 6), "\0\0\0\xFF\xFF\xFF"s);
+    t.writeToPGM((dir / "wrap.pgm").c_str());
+    EXPECT_EQ(readFile((dir / "wrap.pgm")), "P5 \n7 1 \n255\n\x00\xFF\x0C\xFF\xFF\x00\x00"s);
 
     CMatrix<float> m(3, 2);
     for (int i = 0; i < 6; ++i) m.data[i] = static_cast<float>(i) * 100.0f;
-    m.writeToImage(dir.file("matrix.PGM").c_str());
-    EXPECT_EQ(readFile(dir.file("matrix.PGM")), "P5\n3 2\n255\n\0\x64\xC8\x2C\x90\xF4"s);
+    m.writeToImage((dir / "matrix.PGM").c_str());
+    EXPECT_EQ(readFile((dir / "matrix.PGM")), "P5\n3 2\n255\n\0\x64\xC8\x2C\x90\xF4"s);
 
     // Planes form a mosaic, 2 rows of 3 tiles: planes 0 1 2 / 3 4 (black).
     CTensor<float> planes(2, 1, 5);
     for (int z = 0; z < 5; ++z) planes(0, 0, z) = planes(1, 0, z) = static_cast<float>(z + 1);
-    planes.writeToImage(dir.file("mosaic.pgm").c_str());
-    EXPECT_EQ(readFile(dir.file("mosaic.pgm")), "P5 \n6 2 \n255\n\1\1\2\2\3\3\4\4\5\5\0\0"s);
+    planes.writeToImage((dir / "mosaic.pgm").c_str());
+    EXPECT_EQ(readFile((dir / "mosaic.pgm")), "P5 \n6 2 \n255\n\1\1\2\2\3\3\4\4\5\5\0\0"s);
 }
 
 TEST(PgmFiles, GreyReaderKeepsItsShiftWhileThePpmReaderSkipsTheMaximum) {
-    TempDir dir;
-    const std::string path = dir.file("grey.pgm");
+    TempDir dir{"image"};
+    const std::string path = dir / "grey.pgm";
     writeFile(path, "P5\n4 2\n255\n\1\2\3\4\5\6\7\x08"s);
     CTensor<float> viaPpm, viaPgm;
     viaPpm.readFromPPM(path.c_str());
@@ -129,29 +113,29 @@ TEST(PgmFiles, GreyReaderKeepsItsShiftWhileThePpmReaderSkipsTheMaximum) {
 }
 
 TEST(ImageFiles, ExtensionsChooseTheFormatAndOnlyTheTwoSpellingsAreAccepted) {
-    TempDir dir;
+    TempDir dir{"image"};
     const CTensor<float> t(2, 2, 3);
     for (const char* bad : {"image.Ppm", "image", "dir.ppm/image"}) {
-        EXPECT_EQ(messageOf([&] { t.writeToImage(dir.file(bad).c_str()); }), "Image file format not supported") << bad;
+        EXPECT_EQ(messageOf([&] { t.writeToImage((dir / bad).c_str()); }), "Image file format not supported") << bad;
         CTensor<float> r;
-        EXPECT_EQ(messageOf([&] { r.readFromImage(dir.file(bad).c_str()); }), "Image file format not supported");
+        EXPECT_EQ(messageOf([&] { r.readFromImage((dir / bad).c_str()); }), "Image file format not supported");
     }
-    EXPECT_EQ(messageOf([&] { CMatrix<float>(1, 1).writeToImage(dir.file("m.ppm").c_str()); }),
+    EXPECT_EQ(messageOf([&] { CMatrix<float>(1, 1).writeToImage((dir / "m.ppm").c_str()); }),
               "Image file format not supported");
 }
 
 TEST(ImageFiles, MissingUnwritableAndForeignFilesAreReported) {
-    TempDir dir;
+    TempDir dir{"image"};
     CTensor<float> t(2, 2, 3);
-    const std::string missing = dir.file("missing.ppm");
+    const std::string missing = dir / "missing.ppm";
     testing::internal::CaptureStderr();
     EXPECT_EQ(messageOf([&] { t.readFromPPM(missing.c_str()); }), "File not found: " + missing);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "File not found: " + missing + "\n");
-    EXPECT_NE(messageOf([&] { t.readFromPPM(dir.file("").c_str()); }).find(dir.file("")), std::string::npos)
+    EXPECT_NE(messageOf([&] { t.readFromPPM((dir / "").c_str()); }).find((dir / "")), std::string::npos)
         << "a directory opens but cannot be read";
     EXPECT_EQ(t.xSize, 2) << "a failed read leaves the tensor as it was";
 
-    const std::string unwritable = dir.file("no/such/dir/out.ppm");
+    const std::string unwritable = dir / "no/such/dir/out.ppm";
     EXPECT_NE(messageOf([&] { t.writeToPPM(unwritable.c_str()); }).find(unwritable), std::string::npos);
     EXPECT_NE(messageOf([&] { CMatrix<float>(2, 2).writeToPGM(unwritable.c_str()); }).find(unwritable),
               std::string::npos);
@@ -165,8 +149,8 @@ TEST(ImageFiles, MissingUnwritableAndForeignFilesAreReported) {
 // Headers a reader must refuse with a message naming the file, before it
 // allocates anything for the pixels.
 TEST(ImageFiles, BrokenHeadersAreRejectedWithTheFileName) {
-    TempDir dir;
-    const std::string path = dir.file("broken.ppm");
+    TempDir dir{"image"};
+    const std::string path = dir / "broken.ppm";
     for (const std::string& bytes :
          {""s, "no magic here"s, "P"s, "P6\nwide 1\n255\n\0\0\0"s, "P6\n0 1\n255\n"s, "P6\n1 0\n255\n\0\0\0"s,
           "P6\n60000 60000\n255\n\0\0\0"s, "P5\n99999999999999999999999999 1\n255\n"s, "P6\n# only a comment"s}) {
@@ -179,13 +163,13 @@ TEST(ImageFiles, BrokenHeadersAreRejectedWithTheFileName) {
 }
 
 TEST(SaveImage, PitchedDeviceAndHostArraysRoundTripThroughTheFile) {
-    TempDir dir;
+    TempDir dir{"image"};
     for (const bool device : {true, false}) {
         DeviceBuffer<float> planes(make_uint4(5, 3, 3, 1), vela::PITCHED_LAYOUT, device);
         std::vector<float> values(planes.count());
         for (std::size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>((i * 37) % 256);
         planes.upload(values);
-        const std::string path = dir.file(device ? "device.ppm" : "host.ppm");
+        const std::string path = dir / (device ? "device.ppm" : "host.ppm");
         vela::saveImage(planes.a3, path, false);
         CTensor<float> back;
         back.readFromPPM(path.c_str());
@@ -194,34 +178,33 @@ TEST(SaveImage, PitchedDeviceAndHostArraysRoundTripThroughTheFile) {
 }
 
 TEST(SaveImage, NormalisationScalesBy255AndWrapsForBytes) {
-    TempDir dir;
+    TempDir dir{"image"};
     DeviceBuffer<float> f(make_uint4(2, 1, 3, 1), vela::PITCHED_LAYOUT);
     f.upload({0.5f, 1.0f, 0.0f, 0.1f, 0.2f, 0.3f});
-    vela::saveImage(f.a3, dir.file("f.ppm"), true);
+    vela::saveImage(f.a3, (dir / "f.ppm"), true);
     // Pixels (0.5, 0, 0.2) and (1, 0.1, 0.3): 127.5 is truncated to 127, 25.5 to 25.
-    EXPECT_EQ(readFile(dir.file("f.ppm")), "P6 \n2 1 \n255\n\x7F\x00\x33\xFF\x19\x4C"s);
+    EXPECT_EQ(readFile((dir / "f.ppm")), "P6 \n2 1 \n255\n\x7F\x00\x33\xFF\x19\x4C"s);
 
     DeviceBuffer<unsigned char> b(make_uint4(2, 1, 3, 1), vela::PITCHED_LAYOUT);
     b.upload({0, 1, 2, 3, 255, 128});
-    vela::saveImage(b.a3, dir.file("b.ppm"), true);
+    vela::saveImage(b.a3, (dir / "b.ppm"), true);
     // Pixels (0, 2, 255) and (1, 3, 128) times 255 in 8 bits.
-    EXPECT_EQ(readFile(dir.file("b.ppm")), "P6 \n2 1 \n255\n\x00\xFE\x01\xFF\xFD\x80"s);
+    EXPECT_EQ(readFile((dir / "b.ppm")), "P6 \n2 1 \n255\n\x00\xFE\x01\xFF\xFD\x80"s);
 
     DeviceBuffer<float> grey(make_uint4(3, 1, 1, 1), vela::PITCHED_LAYOUT);
     grey.upload({0.0f, 0.5f, 1.0f});
-    vela::saveImage(grey.a2, dir.file("g.pgm"), true);
-    EXPECT_EQ(readFile(dir.file("g.pgm")), "P5\n3 1\n255\n\x00\x7F\xFF"s);
+    vela::saveImage(grey.a2, (dir / "g.pgm"), true);
+    EXPECT_EQ(readFile((dir / "g.pgm")), "P5\n3 1\n255\n\x00\x7F\xFF"s);
 }
 
 TEST(SaveImage, RefusesOtherDepthsAndColourPathsForGreyImages) {
-    TempDir dir;
+    TempDir dir{"image"};
     DeviceBuffer<float> two(make_uint4(640, 480, 2, 1), vela::PITCHED_LAYOUT),
         grey(make_uint4(4, 4, 1, 1), vela::PITCHED_LAYOUT);
-    EXPECT_EQ(messageOf([&] { vela::saveImage(two.a3, dir.file("x.ppm"), false); }),
+    EXPECT_EQ(messageOf([&] { vela::saveImage(two.a3, (dir / "x.ppm"), false); }),
               "\nvela/cmatrixlib_interface:221: saveImage() does not support writing color image from Array with "
               "dimensions (640x480x2)");
-    EXPECT_EQ(messageOf([&] { vela::saveImage(grey.a2, dir.file("g.ppm"), false); }),
-              "Image file format not supported");
+    EXPECT_EQ(messageOf([&] { vela::saveImage(grey.a2, (dir / "g.ppm"), false); }), "Image file format not supported");
 }
 
 }  // namespace

@@ -14,29 +14,13 @@
 
 #include "image/CTensor.h"
 #include "image/png_file.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-class TempDir {
- public:
-    TempDir() {
-        std::string name = (std::filesystem::temp_directory_path() / "vela-formats-test-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
-        path_ = name;
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string write(const std::string& name, const Bytes& bytes) const {
-        const std::string p = (path_ / name).string();
-        std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        return p;
-    }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-    std::filesystem::path path_;
-};
+using TempDir = testsupport::ScratchFolder;
 
 void put32(Bytes& b, std::uint32_t v) {
     for (int s = 24; s >= 0; s -= 8) b.push_back(static_cast<std::uint8_t>(v >> s));
@@ -109,7 +93,7 @@ CTensor<float> readImage(const std::string& path) {
 }
 
 TEST(PngFrames, EveryColourTypeReadsAsEightBitRgb) {
-    TempDir dir;
+    TempDir dir{"formats"};
     const Bytes expected = {10, 20, 30, 200, 100, 0};
     // RGB, greyscale, palette with a transparent entry, RGBA with a clear
     // pixel, and 16 bits (v * 257 is v; 0x01ff is scaled, rounded to 2, not cut to 1).
@@ -125,23 +109,23 @@ TEST(PngFrames, EveryColourTypeReadsAsEightBitRgb) {
 }
 
 TEST(PngFrames, WritersRoundTripThroughTheReader) {
-    TempDir dir;
+    TempDir dir{"formats"};
     RgbImage picture{3, 2, {1, 2, 3, 4, 5, 6, 7, 8, 9, 250, 251, 252, 0, 0, 0, 255, 255, 255}};
-    png_file::writeRgb(picture, dir.file("p.png"));
-    EXPECT_EQ(pixelsOf(readImage(dir.file("p.png"))), picture.rgb);
+    png_file::writeRgb(picture, (dir / "p.png"));
+    EXPECT_EQ(pixelsOf(readImage((dir / "p.png"))), picture.rgb);
 
     // A palette of 20 entries, entry i = (i, 2i, 3i): each pixel reads back
     // as the colour of its index.
     Bytes palette;
     for (int i = 0; i < 20; ++i)
         palette.insert(palette.end(), {Bytes::value_type(i), Bytes::value_type(2 * i), Bytes::value_type(3 * i)});
-    png_file::writePalette(2, 2, {0, 19, 5, 7}, palette, dir.file("l.png"));
-    EXPECT_EQ(pixelsOf(readImage(dir.file("l.png"))), (Bytes{0, 0, 0, 19, 38, 57, 5, 10, 15, 7, 14, 21}));
-    EXPECT_THROW(png_file::writePalette(1, 1, {20}, palette, dir.file("bad.png")), std::runtime_error);
+    png_file::writePalette(2, 2, {0, 19, 5, 7}, palette, (dir / "l.png"));
+    EXPECT_EQ(pixelsOf(readImage((dir / "l.png"))), (Bytes{0, 0, 0, 19, 38, 57, 5, 10, 15, 7, 14, 21}));
+    EXPECT_THROW(png_file::writePalette(1, 1, {20}, palette, (dir / "bad.png")), std::runtime_error);
 }
 
 TEST(JpegFrames, ReadAsRgbAndGreyAsEqualChannels) {
-    TempDir dir;
+    TempDir dir{"formats"};
     Bytes rgb;
     for (int i = 0; i < 16 * 16; ++i) rgb.insert(rgb.end(), {200, 40, 40});
     const CTensor<float> colour = readImage(dir.write("c.jpg", makeJpeg(16, 16, rgb, false)));
@@ -169,14 +153,14 @@ void expectRefused(const std::string& path, const std::string& reason) {
 }
 
 TEST(HostileFrames, TruncatedCorruptAndForgedFilesAreRefused) {
-    TempDir dir;
+    TempDir dir{"formats"};
     std::vector<Bytes> rows(64, Bytes(64 * 3, 90));
     const Bytes png = makePng(64, 64, 8, 2, rows);
     expectRefused(dir.write("cut.png", Bytes(png.begin(), png.begin() + png.size() / 2)), "PNG");
     Bytes corrupt = png;
     corrupt[40] ^= 0xff;  // inside the IDAT data: its CRC no longer matches
     expectRefused(dir.write("crc.png", corrupt), "PNG");
-    expectRefused(dir.write("empty.png", {}), "PNG");
+    expectRefused(dir.write("empty.png", ""), "PNG");
     // Headers claiming 2^30 pixels, and 2^24 pixels in a file of 100 bytes.
     expectRefused(dir.write("huge.png", makePng(32768, 32768, 8, 2, {{1, 2, 3}})), "2^28");
     expectRefused(dir.write("big.png", makePng(4096, 4096, 8, 2, {{1, 2, 3}})), "more than the file can hold");

@@ -1,14 +1,16 @@
-// Scratch folders and files for the driver tests.
+// Scratch folders and files for the tests.
 #pragma once
 
 #include <stdlib.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
-namespace driver_test {
+namespace testsupport {
 
 // A fresh folder under the system's temporary folder, removed with the object.
 class ScratchFolder {
@@ -35,6 +37,9 @@ class ScratchFolder {
         std::ofstream(p, std::ios::binary) << contents;
         return p.string();
     }
+    std::string write(const std::string& name, const std::vector<std::uint8_t>& bytes) const {
+        return write(name, std::string(bytes.begin(), bytes.end()));
+    }
 
  private:
     std::filesystem::path path_;
@@ -45,4 +50,4 @@ inline std::string readFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-}  // namespace driver_test
+}  // namespace testsupport
