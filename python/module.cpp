@@ -30,7 +30,7 @@
 #include "src/PDseg.h"
 #include "src/segment.h"
 #include "src/settings.h"
-#include "src/simplex.h"
+#include "src/solver/simplex.h"
 #include "src/tracks.h"
 #include "vela/algorithms/conversion.h"
 #include "vela/algorithms/scalar_cast.h"

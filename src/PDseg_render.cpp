@@ -4,7 +4,7 @@
 
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
-#include "src/simplex.h"
+#include "src/solver/simplex.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
 

@@ -5,12 +5,12 @@
 #include <string>
 
 #include "src/PDseg.h"
-#include "src/PDseg_solver_grid.h"
-#include "src/PDseg_solver_host.h"
-#include "src/PDseg_solver_ops.h"
-#include "src/PDseg_solver_steps.h"
-#include "src/edge_weights.h"
 #include "src/engine_arrays.h"
+#include "src/solver/edge_weights.h"
+#include "src/solver/grid.h"
+#include "src/solver/host_sweeps.h"
+#include "src/solver/ops.h"
+#include "src/solver/steps.h"
 #include "vela/algorithms/basic.h"
 #include "vela/device/launch.h"
 

@@ -3,9 +3,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "src/PDseg_walker.h"
+#include "src/dataterms/seed_check.h"
+#include "src/dataterms/walker.h"
 #include "src/engine_arrays.h"
-#include "src/seed_check.h"
 
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
                          const SegmentationSettings& settings) {

@@ -33,7 +33,7 @@ struct SegmentationSettings {
     int walkerIterations = 400;           // "walkerIterations": most conjugate-gradient iterations per label
     float walkerTolerance = 1e-3f;        // "walkerTolerance": relative residual at which they stop
     // Seeds that the seeds around them contradict are dropped before the cost
-    // map is built (src/seed_check.h); radius 0 keeps every seed.
+    // map is built (src/dataterms/seed_check.h); radius 0 keeps every seed.
     int seedCheckRadius = 0;       // "seedCheckRadius": pixels around a seed that vote on it
     float seedCheckShare = 0.25f;  // "seedCheckShare": share of the vote its label needs
     float seedCheckBeta = 50.0f;   // "seedCheckBeta": how much a colour difference weakens a vote

@@ -23,9 +23,9 @@
 #include <random>
 #include <vector>
 
-#include "src/PDseg_solver_ops.h"
-#include "src/edge_weights.h"
 #include "src/engine_arrays.h"
+#include "src/solver/edge_weights.h"
+#include "src/solver/ops.h"
 #include "vela/algorithms/basic.h"
 #include "vela/device/runtime.h"
 #include "vela/tools.h"

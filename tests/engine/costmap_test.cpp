@@ -9,7 +9,7 @@
 #include <limits>
 
 #include "engine_test_util.h"
-#include "src/PDseg_colordist.h"
+#include "src/dataterms/colour_distance.h"
 
 namespace {
 

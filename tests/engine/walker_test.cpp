@@ -1,15 +1,16 @@
 // The random-walker data term against a plain solve of the same linear
 // systems, and the frame preparation that chooses it.
+#include "src/dataterms/walker.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <vector>
 
 #include "engine_test_util.h"
-#include "src/PDseg_solver_ops.h"
-#include "src/PDseg_walker.h"
-#include "src/seed_check.h"
+#include "src/dataterms/seed_check.h"
 #include "src/segment.h"
+#include "src/solver/ops.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "src/edge_weights.h"
+#include "src/solver/edge_weights.h"
 
 #include <gtest/gtest.h>
 

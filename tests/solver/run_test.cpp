@@ -9,7 +9,7 @@
 #include <string>
 
 #include "reference.h"
-#include "src/PDseg_solver_ops.h"
+#include "src/solver/ops.h"
 #include "vela/device/runtime.h"
 
 namespace solvertest {

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "reference.h"
-#include "src/PDseg_solver_ops.h"
-#include "src/simplex.h"
+#include "src/solver/ops.h"
+#include "src/solver/simplex.h"
 
 namespace solvertest {
 namespace {

@@ -10,7 +10,7 @@
 namespace seg {
 
 // Which code the host backend runs for the per-pixel dual and primal steps: the
-// vectorised row sweeps of src/PDseg_solver_host.h (the default), or the
+// vectorised row sweeps of src/solver/host_sweeps.h (the default), or the
 // per-thread kernel bodies through the generic launcher, exactly as a GPU runs
 // them.  Both give the same bits; the second is there to show it and to time
 // the difference.  The cuda backend always runs the kernels.

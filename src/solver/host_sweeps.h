@@ -3,7 +3,7 @@
 // pixels held in vector lanes, the border pixels one by one.  Every pixel gets
 // the same operations, in the same order, as its GPU thread, so the results are
 // the kernels' bit for bit.  Arguments and the per-pixel arithmetic are those of
-// the kernels of the same names (src/PDseg_solver_steps.h); L is checked by the
+// the kernels of the same names (src/solver/steps.h); L is checked by the
 // caller.
 #pragma once
 

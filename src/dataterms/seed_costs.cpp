@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "src/PDseg.h"
-#include "src/PDseg_colordist.h"
+#include "src/dataterms/colour_distance.h"
 #include "src/engine_arrays.h"
 #include "src/label_colours.h"
-#include "src/simplex.h"
+#include "src/solver/simplex.h"
 #include "vela/access.h"
 #include "vela/cmatrixlib_interface.h"
 #include "vela/device/launch.h"

@@ -1,4 +1,4 @@
-#include "src/PDseg_walker.h"
+#include "src/dataterms/walker.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "src/PDseg_solver_ops.h"
+#include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
-#include "src/seeds.h"
+#include "src/solver/ops.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
 
@@ -28,7 +28,7 @@ namespace {
 
 using vela::device::Thread;
 
-constexpr const char* kSource = "src/PDseg_walker";
+constexpr const char* kSource = "src/dataterms/walker";
 constexpr unsigned int kBlockX = 32, kBlockY = 8, kBlockThreads = kBlockX * kBlockY;
 constexpr unsigned int kLanes = 32;  // threads that fold the block's values in the second phase
 constexpr float kWeightFloor = 1e-6f;

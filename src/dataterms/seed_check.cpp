@@ -1,16 +1,16 @@
-#include "src/seed_check.h"
+#include "src/dataterms/seed_check.h"
 
 #include <cmath>
 
+#include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
-#include "src/seeds.h"
 #include "vela/device/launch.h"
 
 namespace {
 
 using vela::device::Thread;
 
-constexpr const char* kSource = "src/seed_check";
+constexpr const char* kSource = "src/dataterms/seed_check";
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
 
 // ---------------------------------------------------------------------------

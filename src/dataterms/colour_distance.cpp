@@ -1,4 +1,4 @@
-#include "src/PDseg_colordist.h"
+#include "src/dataterms/colour_distance.h"
 
 #include <cmath>
 #include <cstdio>
@@ -9,7 +9,7 @@
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
 #include "src/label_colours.h"
-#include "src/simplex.h"
+#include "src/solver/simplex.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
 

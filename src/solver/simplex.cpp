@@ -1,4 +1,4 @@
-#include "src/simplex.h"
+#include "src/solver/simplex.h"
 
 #include <stdexcept>
 

@@ -1,10 +1,10 @@
-#include "src/edge_weights.h"
+#include "src/solver/edge_weights.h"
 
 #include <cmath>
 #include <stdexcept>
 
-#include "src/PDseg_solver_grid.h"
 #include "src/engine_arrays.h"
+#include "src/solver/grid.h"
 #include "vela/access.h"
 #include "vela/algorithms/conversion.h"
 #include "vela/cmatrixlib_interface.h"

@@ -1,7 +1,7 @@
-#include "src/PDseg_solver_host.h"
+#include "src/solver/host_sweeps.h"
 
-#include "src/PDseg_solver_pack.h"
-#include "src/PDseg_solver_steps.h"
+#include "src/solver/pack.h"
+#include "src/solver/steps.h"
 
 #if defined(_OPENMP)
 #include <omp.h>

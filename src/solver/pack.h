@@ -1,5 +1,5 @@
 // Runs of neighbouring pixels of a row held in vector lanes, for the host's
-// row sweeps: the lane operations of src/PDseg_solver_lanes.h for packs.
+// row sweeps: the lane operations of src/solver/lanes.h for packs.
 // GNU vector extensions, which the host compilers of both builds support, give
 // vector instructions without intrinsics; host code only.
 //
@@ -11,7 +11,7 @@
 
 #include <cmath>
 
-#include "src/PDseg_solver_lanes.h"
+#include "src/solver/lanes.h"
 
 namespace seg {
 

@@ -2,7 +2,7 @@
 //
 // The solver steps are written once, over a value type V that holds one pixel
 // (float, as a GPU thread sees it) or a run of neighbouring pixels of one row
-// (seg::Pack, src/PDseg_solver_pack.h, on the host).  Arithmetic uses the
+// (seg::Pack, src/solver/pack.h, on the host).  Arithmetic uses the
 // ordinary operators; the few operations that differ between a scalar and a
 // pack go through the functions below, which packs overload with the same IEEE
 // operation per lane, so both give identical bits.

@@ -7,7 +7,7 @@
 // a row, where no border rule applies, and use these for the border pixels.
 #pragma once
 
-#include "src/simplex.h"
+#include "src/solver/simplex.h"
 #include "vela/access.h"
 
 namespace seg {

@@ -8,7 +8,7 @@
 #include <string>
 #include <type_traits>
 
-#include "src/PDseg_solver_lanes.h"
+#include "src/solver/lanes.h"
 #include "vela/device/types.h"
 
 namespace seg {
