@@ -9,7 +9,7 @@
 
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
                          const SegmentationSettings& settings) {
-    seg.model = static_cast<PDseg::SegmentationModel>(settings.model);
+    applySolverSettings(seg, settings);
     vela::ScopedArray<float, 2> checked;
     vela::Array<float, 2>* seeds = &labels;
     if (settings.seedCheckRadius > 0 && numLabels > 0) {
@@ -20,6 +20,10 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
     }
     seg.labelsToCostMap(*seeds, numLabels);
     if (settings.dataTerm == DataTerm::WALKER) addWalkerCost(seg, *seeds, settings);
+}
+
+void applySolverSettings(PDseg& seg, const SegmentationSettings& settings) {
+    seg.model = static_cast<PDseg::SegmentationModel>(settings.model);
     seg.lambda = settings.lambda;
     seg.nIterations = settings.maxiter;
     seg.diffusivityType = settings.diffusivity;

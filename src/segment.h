@@ -6,12 +6,17 @@
 #include "src/PDseg.h"
 #include "src/settings.h"
 
-// Readies `seg`, built on the frame's device image, for seg.run(): sets the
-// model, builds the cost map of `numLabels` labels from the device label image
-// `labels` (label index per pixel, negative where no seed lies) with the data
-// term the settings choose, and sets every solver parameter.
+// Readies `seg`, built on the frame's device image, for seg.run(): builds the
+// cost map of `numLabels` labels from the device label image `labels` (label
+// index per pixel, negative where no seed lies) with the data term the
+// settings choose, and sets every solver parameter (applySolverSettings).
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
                          const SegmentationSettings& settings);
+
+// Sets the solver's parameters from the settings: the model, lambda, the
+// iterations and the edge weights' diffusivity and alpha.  Every caller that
+// runs the solver sets them here, whatever made its cost map.
+void applySolverSettings(PDseg& seg, const SegmentationSettings& settings);
 
 // Gives seg.labelColors one palette colour per label index k: the entry of
 // seg.colorCode for track label labelIds[k], so that a track keeps its colour

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "src/dataterms/probability_cost.h"
 #include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
 #include "src/solver/ops.h"
@@ -32,7 +33,6 @@ constexpr const char* kSource = "src/dataterms/walker";
 constexpr unsigned int kBlockX = 32, kBlockY = 8, kBlockThreads = kBlockX * kBlockY;
 constexpr unsigned int kLanes = 32;  // threads that fold the block's values in the second phase
 constexpr float kWeightFloor = 1e-6f;
-constexpr float kProbabilityFloor = 0.001f;
 
 // ---------------------------------------------------------------------------
 // Kernels
@@ -255,14 +255,14 @@ struct walkerStep_kernel {
 };
 
 // cost += weight * -ln(x + 0.001) / -ln(0.001), x clamped to [0, 1]: 0 where
-// the walker is sure of the label, `weight` where it rules it out.
+// the walker is sure of the label, `weight` where it rules it out
+// (seg::probabilityCost).
 struct walkerCost_kernel {
     VELA_HD void operator()(const Thread& t, vela::Array<float, 3> cost, vela::Array<float, 3> x, float weight) const {
         const Pixel px = pixelOf(t, make_uint2(cost.extents.x, cost.extents.y));
         if (!px.inside) return;
         const float probability = fminf(fmaxf(vela::at(x, px.x, px.y, px.label), 0.0f), 1.0f);
-        vela::at(cost, px.x, px.y, px.label) +=
-            weight * logf(probability + kProbabilityFloor) / logf(kProbabilityFloor);
+        vela::at(cost, px.x, px.y, px.label) += seg::probabilityCost(probability, weight);
     }
 };
 

@@ -1,5 +1,6 @@
 // Cost maps from sparse labels: label indices, colour-coded label images, the
-// spatially varying colour distribution and plain distances to given colours.
+// spatially varying colour distribution and plain distances to given colours;
+// and cost maps from given per-label probabilities.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 
 #include "engine_test_util.h"
 #include "src/dataterms/colour_distance.h"
+#include "src/dataterms/probability_cost.h"
 
 namespace {
 
@@ -214,6 +216,46 @@ TEST(ImageToCostMap, EuclideanDistanceToEachColourIgnoringTheFourthComponent) {
     s.imageToCostMap(image.a, colours.data(), 2);
     const std::vector<float> cost = download(s.costMap);
     EXPECT_TRUE(s.nLabels == 2 && std::abs(cost[0] - 441.673f) < 1e-3f && cost[4] == 0.0f && cost[5] == 5.0f);
+}
+
+// Against a plain loop in double: each pixel normalised by its sum, all-zero
+// pixels even, unusable values (negative, NaN, infinite) read as 0, and sums
+// near the float limit that would overflow if added directly.  37 x 35 covers a
+// full and a partial block in both directions.
+TEST(ProbabilitiesToCost, NormalisesEachPixelAsAPlainLoopDoes) {
+    const unsigned int w = 37, h = 35, n = w * h;
+    const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    const float big = std::numeric_limits<float>::max();
+    const float patterns[][3] = {{0.2f, 0.3f, 0.5f}, {2, 6, 0},   {0, 0, 0},     {1e-30f, 0, 3e-30f},
+                                 {-1, 0.5f, 0.5f},   {nan, 1, 3}, {inf, 1, 1},   {big, big, 0},
+                                 {0, -0.0f, 0},      {7, 7, 7},   {0, 0, 1e-40f}};
+    const unsigned int kinds = sizeof patterns / sizeof patterns[0];
+    for (unsigned int layers : {1u, 3u}) {
+        std::vector<float> given(n * layers);
+        for (unsigned int p = 0; p < n; ++p)
+            for (unsigned int l = 0; l < layers; ++l) given[l * n + p] = patterns[p * 5 % kinds][l];
+        seg::ScopedArray<float, 3> probabilities(seg::deviceArray3D<float>(w, h, layers));
+        vela::arrayCopy(probabilities.a, vela::arrayFromHostMemory(given.data(), w, h, layers));
+        seg::ScopedArray<float, 3> cost(seg::deviceArray3D<float>(w, h, layers));
+        probabilitiesToCost(cost.a, probabilities.a);
+        const std::vector<float> got = download(cost.a);
+        for (unsigned int p = 0; p < n; ++p) {
+            double sum = 0;
+            auto usable = [&](unsigned int l) {
+                const double v = given[l * n + p];
+                return std::isfinite(v) && v > 0 ? v : 0.0;
+            };
+            for (unsigned int l = 0; l < layers; ++l) sum += usable(l);
+            for (unsigned int l = 0; l < layers; ++l) {
+                const double q = sum > 0 ? usable(l) / sum : 1.0 / layers;
+                const double want = std::log(q + 0.001) / std::log(0.001);
+                ASSERT_NEAR(got[l * n + p], want, 1e-5 + 1e-5 * std::abs(want))
+                    << "pixel " << p << " (pattern " << p * 5 % kinds << "), layer " << l << " of " << layers;
+            }
+        }
+    }
+    seg::ScopedArray<float, 3> a(seg::deviceArray3D<float>(4, 3, 2)), b(seg::deviceArray3D<float>(4, 3, 3));
+    EXPECT_THROW(probabilitiesToCost(a.a, b.a), std::invalid_argument);
 }
 
 }  // namespace
