@@ -5,7 +5,9 @@
 // caller of this module from reaching the engine with arrays it cannot take.
 // Every frame is prepared and solved exactly as the program's frame loop does
 // it: the same float4 device image, the same label image, the same
-// prepareSegmentation() and run().
+// prepareSegmentation() and run().  Settings arrive as configuration entries
+// (type letter, key, value) and are read by the program's own checked reader,
+// so a bad value is refused with the program's message.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/optional.h>
@@ -28,6 +30,9 @@
 
 #include "image/CTensor.h"
 #include "src/PDseg.h"
+#include "src/config.h"
+#include "src/dataterms/probability_cost.h"
+#include "src/engine_arrays.h"
 #include "src/segment.h"
 #include "src/settings.h"
 #include "src/solver/simplex.h"
@@ -49,6 +54,9 @@ std::mutex engineMutex;
 
 using Image = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
 using Indices = nb::ndarray<const std::int32_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
+using Layers = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
+// One configuration entry: type letter ("i", "f", "c" or "s"), key, value.
+using Entry = std::tuple<std::string, std::string, nb::object>;
 
 template <class T>
 nb::ndarray<nb::numpy, T> ownedArray(std::vector<T>&& values, std::initializer_list<std::size_t> shape) {
@@ -132,6 +140,68 @@ void requireImage(const Image& image, std::size_t h, std::size_t w) {
         throw nb::value_error("image must be H x W x 3 with the labels' height and width");
 }
 
+// The entries as the configuration file reader would have stored them; a later
+// entry of the same key replaces an earlier one, as a later line does.
+ConfigMap configOf(const std::vector<Entry>& entries) {
+    ConfigMap config;
+    for (const auto& [letter, key, value] : entries) {
+        if (letter.size() != 1 || std::string("ifcs").find(letter[0]) == std::string::npos)
+            throw nb::value_error(
+                ("configuration entry \"" + key + "\": type letter must be i, f, c or s, got \"" + letter + "\"")
+                    .c_str());
+        keyvalue kv;
+        kv.type = letter[0];
+        kv.key = key;
+        switch (kv.type) {
+            case 'i':
+                kv.setInt(nb::cast<int>(value));
+                break;
+            case 'f':
+                kv.setFloat(nb::cast<float>(value));
+                break;
+            case 'c': {
+                const std::string c = nb::cast<std::string>(value);
+                if (c.size() != 1)
+                    throw nb::value_error(("configuration entry \"" + key + "\": a c value is one character").c_str());
+                kv.setChar(c[0]);
+                break;
+            }
+            default:
+                kv.text = nb::cast<std::string>(value);
+        }
+        config[key] = kv;
+    }
+    return config;
+}
+
+// The settings of the entries, read by the program's reader; its message on a
+// bad value becomes a ValueError.
+SegmentationSettings settingsOf(const std::vector<Entry>& entries) {
+    ConfigMap config = configOf(entries);
+    SegmentationSettings settings;
+    std::string error;
+    if (!readSegmentationSettings(config, settings, error)) throw nb::value_error(error.c_str());
+    return settings;
+}
+
+// The hard labelling of run() (one 1 per pixel among its labels) as label
+// indices, and the relaxed one beside it when asked for.
+nb::object labellingResult(const std::vector<float>& hard, std::vector<float>&& relaxed, std::size_t h, std::size_t w,
+                           int numLabels, bool returnRelaxed) {
+    const std::size_t plane = h * w;
+    std::vector<std::int32_t> result(plane);
+    for (std::size_t i = 0; i < plane; ++i) {
+        std::int32_t best = 0;
+        for (int l = 1; l < numLabels; ++l)
+            if (hard[l * plane + i] > hard[best * plane + i]) best = l;
+        result[i] = best;
+    }
+    nb::object labels = nb::cast(ownedArray(std::move(result), {h, w}));
+    if (!returnRelaxed) return labels;
+    nb::object layers = nb::cast(ownedArray(std::move(relaxed), {static_cast<std::size_t>(numLabels), h, w}));
+    return nb::make_tuple(labels, layers);
+}
+
 // --- Functions of the module --------------------------------------------------
 
 std::string backend() { return vela::device::backendName(vela::device::backend()); }
@@ -204,35 +274,52 @@ std::tuple<int, std::string, std::optional<nb::ndarray<nb::numpy, float>>> readI
     return {0, std::string(), ownedArray(std::move(samples), {h, w, 3})};
 }
 
-nb::object segment(const Image& image, const Indices& seeds, int numLabels, float lambda, int iterations, int model,
-                   int diffusivity, float alpha, int dataTerm, float dataWeight, float walkerBeta, int walkerIterations,
-                   float walkerTolerance, int seedCheckRadius, float seedCheckShare, float seedCheckBeta,
+// The configuration file's entries as (type letter, key, value), read by the
+// program's reader; with its message when the file cannot be read.
+std::tuple<std::string, std::vector<Entry>> readConfig(const std::string& path) {
+    ConfigMap config;
+    std::string error;
+    std::vector<Entry> entries;
+    if (!parseConfigINI(path, config, error)) return {error, entries};
+    for (const auto& [key, kv] : config) {
+        nb::object value;
+        switch (kv.type) {
+            case 'i':
+                value = nb::int_(kv.intValue());
+                break;
+            case 'f':
+                value = nb::float_(kv.floatValue());
+                break;
+            case 'c':
+                value = nb::str(std::string(1, kv.charValue()).c_str());
+                break;
+            default:
+                value = nb::str(kv.text.c_str());
+        }
+        entries.emplace_back(std::string(1, kv.type), key, value);
+    }
+    return {std::string(), entries};
+}
+
+// The program's message for the first bad value among the entries, or "".
+std::string settingsError(const std::vector<Entry>& entries) {
+    ConfigMap config = configOf(entries);
+    SegmentationSettings settings;
+    std::string error;
+    return readSegmentationSettings(config, settings, error) ? std::string() : error;
+}
+
+nb::object segment(const Image& image, const Indices& seeds, int numLabels, const std::vector<Entry>& entries,
                    bool returnRelaxed) {
     const std::size_t h = seeds.shape(0), w = seeds.shape(1);
     requireImage(image, h, w);
     if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
     if (numLabels < 1 || numLabels > seg::kMaxLabels)
         throw nb::value_error(("num_labels must be from 1 to " + std::to_string(seg::kMaxLabels)).c_str());
-    if (model < 0 || model > 4) throw nb::value_error("model must be from 0 to 4");
-    if (dataTerm != 0 && dataTerm != 1) throw nb::value_error("data_term must be 0 (seeds) or 1 (walker)");
     requireAddressable(w, h, static_cast<std::size_t>(numLabels));
     for (std::size_t i = 0; i < h * w; ++i)
         if (seeds.data()[i] >= numLabels) throw nb::value_error("seeds holds an index not below num_labels");
-
-    SegmentationSettings settings;
-    settings.lambda = lambda;
-    settings.maxiter = iterations;
-    settings.model = model;
-    settings.diffusivity = diffusivity;
-    settings.alpha = alpha;
-    settings.dataTerm = static_cast<DataTerm>(dataTerm);
-    settings.dataWeight = dataWeight;
-    settings.walkerBeta = walkerBeta;
-    settings.walkerIterations = walkerIterations;
-    settings.walkerTolerance = walkerTolerance;
-    settings.seedCheckRadius = seedCheckRadius;
-    settings.seedCheckShare = seedCheckShare;
-    settings.seedCheckBeta = seedCheckBeta;
+    const SegmentationSettings settings = settingsOf(entries);
 
     const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
     std::vector<float> hard, relaxed;
@@ -248,20 +335,44 @@ nb::object segment(const Image& image, const Indices& seeds, int numLabels, floa
         hard = readLayers(seg.u);
         if (returnRelaxed) relaxed = readLayers(seg.uResult);
     }
+    return labellingResult(hard, std::move(relaxed), h, w, numLabels, returnRelaxed);
+}
 
-    // After run() every pixel holds exactly one 1 among its labels.
-    const std::size_t plane = h * w;
-    std::vector<std::int32_t> result(plane);
-    for (std::size_t i = 0; i < plane; ++i) {
-        std::int32_t best = 0;
-        for (int l = 1; l < numLabels; ++l)
-            if (hard[l * plane + i] > hard[best * plane + i]) best = l;
-        result[i] = best;
+// The solver on the costs of given per-label probabilities (L x H x W): the
+// cost map from probabilitiesToCost(), the solver's settings from the entries
+// through applySolverSettings(), as prepareSegmentation() sets them.
+nb::object refine(const Image& image, const Layers& probabilities, const std::vector<Entry>& entries,
+                  bool returnRelaxed) {
+    const std::size_t L = probabilities.shape(0), h = probabilities.shape(1), w = probabilities.shape(2);
+    requireImage(image, h, w);
+    if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
+    if (L < 1 || L > static_cast<std::size_t>(seg::kMaxLabels))
+        throw nb::value_error(("probabilities must hold 1 to " + std::to_string(seg::kMaxLabels) + " labels").c_str());
+    requireAddressable(w, h, L);
+    const SegmentationSettings settings = settingsOf(entries);
+
+    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+    const unsigned int layers = static_cast<unsigned int>(L);
+    std::vector<float> hard, relaxed;
+    {
+        nb::gil_scoped_release released;
+        std::lock_guard<std::mutex> lock(engineMutex);
+        vela::ScopedArray<float4, 2> frame(deviceImage(image.data(), W, H));
+        vela::ScopedArray<float, 3> given(seg::deviceArray3D<float>(W, H, layers));
+        // L x H x W in C order is the host layout of a W x H x L array.
+        vela::arrayCopy(given.a, vela::arrayFromHostMemory(const_cast<float*>(probabilities.data()), W, H, layers));
+        vela::ScopedArray<float, 3> costMap(seg::deviceArray3D<float>(W, H, layers));
+        probabilitiesToCost(costMap.a, given.a);
+        // The object takes the cost map over.
+        PDseg seg(frame.a, costMap.a);
+        costMap.a = vela::Array<float, 3>{};
+        ColourTablesOfFrame tables{seg};
+        applySolverSettings(seg, settings);
+        seg.run();
+        hard = readLayers(seg.u);
+        if (returnRelaxed) relaxed = readLayers(seg.uResult);
     }
-    nb::object labels = nb::cast(ownedArray(std::move(result), {h, w}));
-    if (!returnRelaxed) return labels;
-    nb::object layers = nb::cast(ownedArray(std::move(relaxed), {static_cast<std::size_t>(numLabels), h, w}));
-    return nb::make_tuple(labels, layers);
+    return labellingResult(hard, std::move(relaxed), h, w, static_cast<int>(L), returnRelaxed);
 }
 
 std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::numpy, std::uint8_t>>> render(
@@ -323,11 +434,17 @@ NB_MODULE(_core, m) {
           nb::arg("width"), "The label indices of one frame of a track file, with a status and the reader's message.");
     m.def("read_image", &readImage, nb::arg("path"),
           "A colour PPM file as H x W x 3 float32 samples, with a status and a message.");
-    m.def("segment", &segment, nb::arg("image"), nb::arg("seeds"), nb::arg("num_labels"), nb::arg("lam"),
-          nb::arg("iterations"), nb::arg("model"), nb::arg("diffusivity"), nb::arg("alpha"), nb::arg("data_term"),
-          nb::arg("data_weight"), nb::arg("walker_beta"), nb::arg("walker_iterations"), nb::arg("walker_tolerance"),
-          nb::arg("seed_check_radius"), nb::arg("seed_check_share"), nb::arg("seed_check_beta"),
-          nb::arg("return_relaxed"), "Segments a float32 H x W x 3 image from int32 H x W seed indices.");
+    m.def("read_config", &readConfig, nb::arg("path"),
+          "The entries (type letter, key, value) of a configuration file, with the reader's message on failure.");
+    m.def("settings_error", &settingsError, nb::arg("entries"),
+          "The program's message for the first bad value among configuration entries, or an empty string.");
+    m.def("segment", &segment, nb::arg("image"), nb::arg("seeds"), nb::arg("num_labels"), nb::arg("entries"),
+          nb::arg("return_relaxed"),
+          "Segments a float32 H x W x 3 image from int32 H x W seed indices with the settings of configuration "
+          "entries (type letter, key, value).");
+    m.def("refine", &refine, nb::arg("image"), nb::arg("probabilities"), nb::arg("entries"), nb::arg("return_relaxed"),
+          "Runs the solver on the costs of float32 L x H x W per-label probabilities with the settings of "
+          "configuration entries.");
     m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),
           "The colour picture of a labelling and, given the image, its overlay.");
 }

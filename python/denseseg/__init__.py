@@ -5,12 +5,17 @@ same kernels, on the GPU when the package was built with CUDA and one is
 present, otherwise on the CPU.  A frame segmented here gives exactly the label
 map the program computes with the same settings.
 
+:func:`segment` turns sparse seeds into a labelling, with the recommended
+settings (:data:`RECOMMENDED`) unless told otherwise; :func:`refine` cleans up
+per-label probabilities from any other method with the engine's edge-weighted
+total variation.
+
 Examples
 --------
 >>> import denseseg
 >>> frame = denseseg.read_image("frame_000.ppm")
 >>> seeds, label_ids = denseseg.seeds_from_tracks("tracks.dat", 0, frame.shape[:2])
->>> labels = denseseg.segment(frame, seeds, num_labels=len(label_ids), lam=10.0, iterations=300)
+>>> labels = denseseg.segment(frame, seeds, num_labels=len(label_ids))
 >>> picture = denseseg.render(labels, label_ids)
 """
 
@@ -20,6 +25,7 @@ import math
 import numbers
 import operator
 import os
+import re
 from typing import Optional, Sequence, Tuple, Union
 
 import numpy as np
@@ -27,11 +33,13 @@ import numpy as np
 from . import _core
 
 __all__ = [
+    "DEFINITION",
     "MAX_LABELS",
     "RECOMMENDED",
     "TRACK_LABEL_LIMIT",
     "backend",
     "read_image",
+    "refine",
     "render",
     "seeds_from_tracks",
     "segment",
@@ -43,26 +51,81 @@ MAX_LABELS: int = _core.MAX_LABELS
 #: Track labels run from 0 to ``TRACK_LABEL_LIMIT - 1`` (one palette colour each).
 TRACK_LABEL_LIMIT: int = _core.TRACK_LABEL_LIMIT
 
-#: The recommended settings (those of ``configs/recommended.cfg``) as keyword
-#: arguments: ``denseseg.segment(image, seeds, **denseseg.RECOMMENDED)``.
-RECOMMENDED: dict = {
-    "lam": 100.0,
-    "iterations": 300,
-    "model": 1,
-    "data_term": "walker",
-    "data_weight": 1.0,
-    "walker_beta": 500.0,
-    "walker_iterations": 400,
-    "walker_tolerance": 0.003,
-    "seed_check_radius": 20,
-    "seed_check_share": 0.25,
-    "seed_check_beta": 50.0,
-}
-
-_INT32_MAX = 2**31 - 1
-_DATA_TERMS = {"seeds": 0, "walker": 1}
+_INT32_MIN, _INT32_MAX = -(2**31), 2**31 - 1
 
 PathLike = Union[str, "os.PathLike[str]"]
+
+# --- settings -----------------------------------------------------------------
+
+# Every setting the engine reads: keyword argument, type letter and key of its
+# configuration entry, the engine's own default, and whether the solver reads
+# it (those are refine()'s keywords too).  The keywords reach the engine as
+# configuration entries, read by the program's own checked reader, so ranges
+# and their messages are the program's.  A new key needs a row here and its
+# documented keyword in segment() (and in refine() for a solver key).
+_SETTINGS = (
+    ("lam", "f", "lambda", 10.0, True),
+    ("iterations", "i", "maxiter", 100, True),
+    ("model", "i", "model", 1, True),
+    ("diffusivity", "i", "diffusivity", 0, True),
+    ("alpha", "f", "alpha", 0.5, True),
+    ("data_term", "s", "dataTerm", "seeds", False),
+    ("data_weight", "f", "dataWeight", 1.0, False),
+    ("walker_beta", "f", "walkerBeta", 500.0, False),
+    ("walker_iterations", "i", "walkerIterations", 400, False),
+    ("walker_tolerance", "f", "walkerTolerance", 0.001, False),
+    ("seed_check_radius", "i", "seedCheckRadius", 0, False),
+    ("seed_check_share", "f", "seedCheckShare", 0.25, False),
+    ("seed_check_beta", "f", "seedCheckBeta", 50.0, False),
+)
+_ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS}
+_KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS}
+_SOLVER_KEYWORDS = tuple(keyword for keyword, _, _, _, solver in _SETTINGS if solver)
+# The engine reads "lambda" and "maxiter" unchecked, as the program always has;
+# the package refuses negative iterations itself.
+_PACKAGE_RANGES = {"iterations": (0, _INT32_MAX)}
+
+#: The original mode as keyword arguments: every setting at the engine's own
+#: default (λ 10 and 100 iterations, the solver's; model 1, the seeds alone as
+#: data term, no seed check): ``denseseg.segment(image, seeds,
+#: **denseseg.DEFINITION)``.
+DEFINITION: dict = {keyword: default for keyword, _, _, default, _ in _SETTINGS}
+
+
+def _float32_value(value: float) -> float:
+    # The shortest decimal that reads back as the same float: 0.003, not
+    # 0.003000000026077032.
+    return float(str(np.float32(value)))
+
+
+def _read_recommended() -> dict:
+    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "recommended.cfg")
+    error, entries = _core.read_config(path)
+    if error:
+        raise ImportError(f"denseseg: the recommended settings cannot be read: {error}")
+    found = {}
+    for letter, key, value in entries:
+        # Keys that are no setting (the folders, say) have no keyword.
+        if key in _KEYWORD_OF:
+            found[_KEYWORD_OF[key]] = _float32_value(value) if letter == "f" else value
+    return {keyword: found[keyword] for keyword, *_ in _SETTINGS if keyword in found}
+
+
+#: The recommended settings as keyword arguments: those of
+#: ``configs/recommended.cfg``, read from the copy installed with the package.
+#: They are :func:`segment`'s defaults.
+RECOMMENDED: dict = _read_recommended()
+
+# segment()'s defaults: the recommended settings, the engine's own default for
+# a key they leave out.
+_DEFAULTS = {**DEFINITION, **RECOMMENDED}
+
+# refine()'s own defaults, measured (see the README): on random-walker
+# probabilities and on noisy per-pixel scores, λ 20 gained on the argmax in
+# every scene but lost no more than 0.1 % where the walker itself had failed,
+# and 200 iterations change under 0.1 % of the labels that 1500 give.
+_REFINE_LAMBDA = 20.0
+_REFINE_ITERATIONS = 200
 
 
 # --- argument checks ---------------------------------------------------------
@@ -80,27 +143,73 @@ def _integer(name: str, value, low: int, high: int) -> int:
     return number
 
 
-def _real(name: str, value, low: float = -math.inf, high: float = math.inf) -> float:
+def _real(name: str, value) -> float:
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, numbers.Real):
         raise TypeError(f"{name} must be a real number, got {type(value).__name__}")
-    # The engine computes in float, and checks its limits in float too.
-    number = float(np.float32(value))
-    if not math.isfinite(number) or not low <= number <= high:
-        raise ValueError(f"{name} must be a finite number from {low:g} to {high:g}, got {float(value)!r}")
+    # The engine computes in float; a larger value becomes infinite.
+    with np.errstate(over="ignore"):
+        number = float(np.float32(value))
+    if not math.isfinite(number):
+        raise ValueError(f"{name} must be a finite number (within float32), got {float(value)!r}")
     return number
 
 
+def _entries(settings: dict) -> list:
+    """The keyword values as configuration entries (type letter, key, value).
+
+    The package checks the types; the program's reader checks the values and
+    its message, naming the configuration key, is raised with the keyword."""
+    entries = []
+    for keyword, value in settings.items():
+        letter, key = _ENTRY_OF[keyword]
+        if letter == "i":
+            value = _integer(keyword, value, *_PACKAGE_RANGES.get(keyword, (_INT32_MIN, _INT32_MAX)))
+        elif letter == "f":
+            value = _real(keyword, value)
+        elif not isinstance(value, str):
+            raise TypeError(f"{keyword} must be a string, got {type(value).__name__}")
+        entries.append((letter, key, value))
+    error = _core.settings_error(entries)
+    if error:
+        named = re.search(r'configuration key "([^"]*)"', error)
+        keyword = _KEYWORD_OF.get(named.group(1)) if named else None
+        raise ValueError(error if keyword is None else f"{error} (keyword argument {keyword})")
+    return entries
+
+
+_IMAGE_TYPES = (np.uint8, np.uint16, np.float32, np.float64)
+
+
 def _image(image, name: str = "image") -> np.ndarray:
+    """H x W x 3 float32 with values 0 to 255, as the engine takes images."""
     array = np.asarray(image)
-    if array.dtype not in (np.uint8, np.float32):
-        raise TypeError(f"{name} must be uint8 or float32 (values 0 to 255), got {array.dtype}")
+    if array.dtype not in _IMAGE_TYPES:
+        raise TypeError(
+            f"{name} must be uint8, uint16, float32 or float64 (floats with values 0 to 255), got {array.dtype}"
+        )
     if array.ndim != 3 or array.shape[2] != 3:
         raise ValueError(f"{name} must be H x W x 3 (a colour image), got shape {array.shape}")
     if array.shape[0] == 0 or array.shape[1] == 0:
         raise ValueError(f"{name} must not be empty, got shape {array.shape}")
-    if array.dtype == np.float32 and not np.isfinite(array).all():
-        raise ValueError(f"{name} must hold finite values")
+    if array.dtype == np.uint16:
+        return np.ascontiguousarray(array * (255.0 / 65535.0), dtype=np.float32)
+    if array.dtype.kind == "f":
+        if not np.isfinite(array).all():
+            raise ValueError(f"{name} must hold finite values (no NaN or infinity)")
+        low, high = float(array.min()), float(array.max())
+        if low < 0.0 or high > 255.0:
+            raise ValueError(f"{name} must hold values from 0 to 255, got {low:g} to {high:g}")
+        if 0.0 < high <= 1.0:
+            raise ValueError(
+                f"{name} holds values from 0 to 1 only, but float images take values from 0 to 255: "
+                f"multiply it by 255"
+            )
     return np.ascontiguousarray(array, dtype=np.float32)
+
+
+def _check_bool(name: str, value) -> None:
+    if not isinstance(value, (bool, np.bool_)):
+        raise TypeError(f"{name} must be a bool, got {type(value).__name__}")
 
 
 def _indices(name: str, array, shape: Optional[Tuple[int, int]]) -> np.ndarray:
@@ -114,6 +223,32 @@ def _indices(name: str, array, shape: Optional[Tuple[int, int]]) -> np.ndarray:
     if array.size == 0:
         raise ValueError(f"{name} must not be empty, got shape {array.shape}")
     return array
+
+
+def _probabilities(name: str, array, shape: Tuple[int, int]) -> np.ndarray:
+    """L x H x W float32, finite and not negative."""
+    array = np.asarray(array)
+    if array.dtype not in (np.float32, np.float64):
+        raise TypeError(f"{name} must be float32 or float64, got {array.dtype}")
+    if array.ndim != 3:
+        raise ValueError(f"{name} must be 3-D (labels, height, width), got shape {array.shape}")
+    if array.shape[1:] != shape:
+        raise ValueError(f"{name} must be L x H x W with the image's height and width {shape}, got {array.shape}")
+    if not 1 <= array.shape[0] <= MAX_LABELS:
+        raise ValueError(f"{name} must hold 1 to {MAX_LABELS} labels (its first axis), got {array.shape[0]}")
+    if not np.isfinite(array).all():
+        raise ValueError(f"{name} must hold finite values (no NaN or infinity)")
+    if (array < 0).any():
+        raise ValueError(
+            f"{name} must not be negative, got {float(array.min()):g} (rounding errors of another method "
+            f"can be cut off with numpy.clip({name}, 0, None))"
+        )
+    if array.dtype == np.float64:
+        # Each pixel over its largest value first, so that float32 holds every
+        # ratio between them, however large or small the values.
+        largest = array.max(axis=0, keepdims=True)
+        array = np.divide(array, largest, out=np.zeros_like(array), where=largest > 0)
+    return np.ascontiguousarray(array, dtype=np.float32)
 
 
 # --- functions ----------------------------------------------------------------
@@ -217,19 +352,19 @@ def segment(
     image,
     seeds,
     *,
-    lam: float = 10.0,
-    iterations: int = 100,
-    model: int = 1,
-    diffusivity: int = 0,
-    alpha: float = 0.5,
-    data_term: str = "seeds",
-    data_weight: float = 1.0,
-    walker_beta: float = 500.0,
-    walker_iterations: int = 400,
-    walker_tolerance: float = 1e-3,
-    seed_check_radius: int = 0,
-    seed_check_share: float = 0.25,
-    seed_check_beta: float = 50.0,
+    lam: float = _DEFAULTS["lam"],
+    iterations: int = _DEFAULTS["iterations"],
+    model: int = _DEFAULTS["model"],
+    diffusivity: int = _DEFAULTS["diffusivity"],
+    alpha: float = _DEFAULTS["alpha"],
+    data_term: str = _DEFAULTS["data_term"],
+    data_weight: float = _DEFAULTS["data_weight"],
+    walker_beta: float = _DEFAULTS["walker_beta"],
+    walker_iterations: int = _DEFAULTS["walker_iterations"],
+    walker_tolerance: float = _DEFAULTS["walker_tolerance"],
+    seed_check_radius: int = _DEFAULTS["seed_check_radius"],
+    seed_check_share: float = _DEFAULTS["seed_check_share"],
+    seed_check_beta: float = _DEFAULTS["seed_check_beta"],
     num_labels: Optional[int] = None,
     return_relaxed: bool = False,
 ):
@@ -239,17 +374,28 @@ def segment(
     multi-label total-variation energy with the primal-dual solver, as the
     program does for one frame.
 
+    Every setting defaults to the recommended settings, :data:`RECOMMENDED`
+    (those of ``configs/recommended.cfg``; the engine's own default for a key
+    the file leaves out).  ``**denseseg.DEFINITION`` gives the original mode:
+    the seeds alone as data term, λ 10 and 100 iterations.  Each setting
+    names the configuration key it sets; the program's reader checks its value,
+    and a value it refuses raises ValueError with the program's message.
+
     Parameters
     ----------
     image : array_like
-        H x W x 3, uint8 or float32 with values 0 to 255 (red, green, blue).
+        H x W x 3 (red, green, blue): uint8; uint16, scaled to 0 to 255 by
+        255 / 65535; or float32 or float64 with values 0 to 255 (a float
+        image whose values all lie within 0 to 1 is refused: multiply it by
+        255).
     seeds : array_like
         H x W integers: a label index 0 to L - 1 where a seed lies, a negative
         value elsewhere.
     lam : float, optional
-        Weight of the data term (configuration key ``lambda``).
+        Weight of the data term against the total variation (configuration
+        key ``lambda``).
     iterations : int, optional
-        Primal-dual iterations (``maxiter``).
+        Primal-dual iterations, 0 or more (``maxiter``).
     model : int, optional
         0 plain TV, 1 weighted TV, 2 weighted TV with the fused step,
         3 anisotropic TV, 4 anisotropic TV with exponential weights
@@ -261,7 +407,9 @@ def segment(
     alpha : float, optional
         Parameter of the exponential diffusivity, 1e-6 to 1e6 (``alpha``).
     data_term : {"seeds", "walker"}, optional
-        Where the data cost comes from (``dataTerm``).
+        Where the data cost comes from (``dataTerm``): the seeds alone, or
+        the seeds plus, at every pixel, the random-walker probability of each
+        label.
     data_weight : float, optional
         Weight of the walker cost against the seed cost, 0 to 1e6
         (``dataWeight``).
@@ -299,22 +447,30 @@ def segment(
     Raises
     ------
     TypeError
-        An array of the wrong type, or a parameter that is not a number.
+        An array of the wrong type, or a setting of the wrong type.
     ValueError
-        A wrong shape, an empty image, a seed index of L or more labels than
-        the engine supports, or a parameter out of range.
+        A wrong shape, an empty image, image values outside 0 to 255 (or a
+        float image within 0 to 1), a seed index of L or more labels than the
+        engine supports, or a setting out of range.
     RuntimeError
         The engine failed (for example, out of device memory).
+
+    See Also
+    --------
+    refine : the solver on per-label probabilities from another method.
 
     Examples
     --------
     >>> import numpy as np, denseseg
     >>> image = np.zeros((40, 60, 3), np.uint8); image[:, 30:] = 200
     >>> seeds = np.full((40, 60), -1); seeds[10:30, 2:8] = 0; seeds[10:30, 52:58] = 1
-    >>> labels = denseseg.segment(image, seeds, iterations=300)
+    >>> labels = denseseg.segment(image, seeds)
     >>> int(labels[0, 0]), int(labels[0, 59])
     (0, 1)
+    >>> original = denseseg.segment(image, seeds, **denseseg.DEFINITION)
     """
+    # The settings are the keyword arguments that have a configuration key.
+    settings = {keyword: value for keyword, value in locals().items() if keyword in _ENTRY_OF}
     frame = _image(image)
     indices = _indices("seeds", seeds, frame.shape[:2])
     largest = int(indices.max())
@@ -331,31 +487,106 @@ def segment(
         num_labels = _integer("num_labels", num_labels, 1, MAX_LABELS)
         if largest >= num_labels:
             raise ValueError(f"seeds holds label index {largest}, not below num_labels={num_labels}")
-    if data_term not in _DATA_TERMS:
-        raise ValueError(f'data_term must be "seeds" or "walker", got {data_term!r}')
-    if not isinstance(return_relaxed, (bool, np.bool_)):
-        raise TypeError(f"return_relaxed must be a bool, got {type(return_relaxed).__name__}")
+    _check_bool("return_relaxed", return_relaxed)
+    entries = _entries(settings)
     # Negative values all mean "no seed"; the rest already fit in int32.
     indices = np.ascontiguousarray(np.where(indices < 0, -1, indices), dtype=np.int32)
-    return _core.segment(
-        frame,
-        indices,
-        num_labels,
-        _real("lam", lam),
-        _integer("iterations", iterations, 0, _INT32_MAX),
-        _integer("model", model, 0, 4),
-        _integer("diffusivity", diffusivity, 0, 1),
-        _real("alpha", alpha, 1e-6, 1e6),
-        _DATA_TERMS[data_term],
-        _real("data_weight", data_weight, 0.0, 1e6),
-        _real("walker_beta", walker_beta, 0.0, 1e6),
-        _integer("walker_iterations", walker_iterations, 0, 100000),
-        _real("walker_tolerance", walker_tolerance, 0.0, 1.0),
-        _integer("seed_check_radius", seed_check_radius, 0, 100),
-        _real("seed_check_share", seed_check_share, 0.0, 1.0),
-        _real("seed_check_beta", seed_check_beta, 0.0, 1e6),
-        bool(return_relaxed),
-    )
+    return _core.segment(frame, indices, num_labels, entries, bool(return_relaxed))
+
+
+def refine(
+    image,
+    probabilities,
+    *,
+    lam: float = _REFINE_LAMBDA,
+    iterations: int = _REFINE_ITERATIONS,
+    model: int = DEFINITION["model"],
+    diffusivity: int = DEFINITION["diffusivity"],
+    alpha: float = DEFINITION["alpha"],
+    return_relaxed: bool = False,
+):
+    """Cleans up per-label probabilities with the engine's total variation.
+
+    Takes the probabilities of each label at each pixel from any method (a
+    network, another segmenter, a random walker), turns them into costs and
+    runs the primal-dual solver on them, with the edges of `image` weighting
+    the total variation: labels follow the image's edges, and small islands
+    and ragged boundaries go, as a conditional random field cleans up such
+    maps.
+
+    Each pixel's values are divided by their sum, so they need not sum to 1;
+    a pixel whose values are all 0 gets equal probabilities.  A probability p
+    costs -ln(p + 0.001) / -ln(0.001), from 0 for a sure label to 1 for an
+    impossible one (the scale of the random-walker cost of :func:`segment`),
+    so zeros are fine.
+
+    Parameters
+    ----------
+    image : array_like
+        H x W x 3 (red, green, blue): uint8; uint16, scaled to 0 to 255 by
+        255 / 65535; or float32 or float64 with values 0 to 255 (a float
+        image whose values all lie within 0 to 1 is refused: multiply it by
+        255).
+    probabilities : array_like
+        L x H x W float32 or float64, 1 <= L <= :data:`MAX_LABELS`: the
+        probability (or any non-negative score) of label l at pixel (y, x) in
+        ``probabilities[l, y, x]``.  Finite and not negative.
+    lam : float, optional
+        Weight of the costs against the total variation (configuration key
+        ``lambda``): smaller values smooth more.
+    iterations : int, optional
+        Primal-dual iterations, 0 or more (``maxiter``).
+    model : int, optional
+        0 plain TV, 1 weighted TV, 2 weighted TV with the fused step,
+        3 anisotropic TV, 4 anisotropic TV with exponential weights
+        (``model``).  Models 3 and 4 write ``imageGradient.ppm`` into the
+        working directory, as the program does.
+    diffusivity : int, optional
+        Edge weights of models 1 and 2: 0 standard, 1 exponential
+        (``diffusivity``).
+    alpha : float, optional
+        Parameter of the exponential diffusivity, 1e-6 to 1e6 (``alpha``).
+    return_relaxed : bool, optional
+        Also return the relaxed labelling of the last iteration.
+
+    Returns
+    -------
+    labels : numpy.ndarray
+        H x W int32: the label index of every pixel.
+    relaxed : numpy.ndarray
+        L x H x W float32, only with ``return_relaxed=True``.
+
+    Raises
+    ------
+    TypeError
+        An array of the wrong type, or a setting of the wrong type.
+    ValueError
+        A wrong shape (`probabilities` not 3-D, or its height and width not
+        the image's), L out of range, NaN, infinite or negative
+        probabilities, an empty image, image values outside 0 to 255 (or a
+        float image within 0 to 1), or a setting out of range.
+    RuntimeError
+        The engine failed (for example, out of device memory).
+
+    Examples
+    --------
+    >>> import numpy as np, denseseg
+    >>> rng = np.random.default_rng(0)
+    >>> image = np.zeros((40, 60, 3), np.uint8); image[:, 30:] = 200
+    >>> truth = (np.arange(60) >= 30)[None, :].repeat(40, axis=0)
+    >>> p = np.clip(np.where(truth, 0.7, 0.3) + rng.normal(0, 0.3, truth.shape), 0, 1)
+    >>> probabilities = np.stack([1 - p, p])  # noisy scores of labels 0 and 1
+    >>> labels = denseseg.refine(image, probabilities)
+    >>> wrong = lambda l: float((l != truth).mean())  # share of wrong pixels
+    >>> wrong(probabilities.argmax(axis=0)) > 0.2, wrong(labels) < 0.01
+    (True, True)
+    """
+    settings = {keyword: value for keyword, value in locals().items() if keyword in _ENTRY_OF}
+    frame = _image(image)
+    layers = _probabilities("probabilities", probabilities, frame.shape[:2])
+    _check_bool("return_relaxed", return_relaxed)
+    entries = _entries(settings)
+    return _core.refine(frame, layers, entries, bool(return_relaxed))
 
 
 def render(labels, label_ids: Sequence[int], image=None, alpha: float = 0.4) -> np.ndarray:
@@ -374,8 +605,9 @@ def render(labels, label_ids: Sequence[int], image=None, alpha: float = 0.4) -> 
     label_ids : sequence of int
         Track label of each index, each 0 to ``TRACK_LABEL_LIMIT - 1``.
     image : array_like, optional
-        H x W x 3, uint8 or float32 with values 0 to 255.  Given, the result
-        is ``alpha * colour + (1 - alpha) * image``.
+        H x W x 3, as :func:`segment` takes it (uint8, uint16, or float32 or
+        float64 with values 0 to 255).  Given, the result is
+        ``alpha * colour + (1 - alpha) * image``.
     alpha : float, optional
         Weight of the label colours in the overlay.
 

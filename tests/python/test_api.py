@@ -1,5 +1,6 @@
 """The package's functions on their own, and what they refuse."""
 
+import inspect
 import threading
 import time
 
@@ -129,24 +130,28 @@ SEEDS = np.full((6, 8), -1)
 SEEDS[3, 1], SEEDS[3, 6] = 0, 1
 
 BAD_SEGMENT = [
-    ((IMAGE.astype(np.float64), SEEDS), {}, TypeError, "image must be uint8 or float32"),
+    ((IMAGE.astype(np.int32), SEEDS), {}, TypeError, "image must be uint8, uint16, float32 or float64"),
     ((IMAGE[:, :, 0], SEEDS), {}, ValueError, "image must be H x W x 3"),
     ((IMAGE[:0], SEEDS[:0]), {}, ValueError, "image must not be empty"),
     ((np.full_like(IMAGE, np.nan, np.float32), SEEDS), {}, ValueError, "finite"),
+    ((np.full_like(IMAGE, np.inf, np.float64), SEEDS), {}, ValueError, "finite"),
+    ((IMAGE / 255.0, SEEDS), {}, ValueError, "values from 0 to 1 only.*multiply it by 255"),
+    ((IMAGE - 1.0, SEEDS), {}, ValueError, "image must hold values from 0 to 255, got -1 to 199"),
     ((IMAGE, SEEDS[:5]), {}, ValueError, r"seeds must be 2-D with the image's height and width \(6, 8\), got \(5, 8\)"),
     ((IMAGE, SEEDS.astype(np.float32)), {}, TypeError, "seeds must hold integers"),
     ((IMAGE, np.full_like(SEEDS, -1)), {}, ValueError, "seeds holds no label"),
     ((IMAGE, np.full_like(SEEDS, 128)), {}, ValueError, "at most 128 labels"),
     ((IMAGE, SEEDS), {"num_labels": 1}, ValueError, "not below num_labels=1"),
     ((IMAGE, SEEDS), {"num_labels": 129}, ValueError, "num_labels must be from 1 to 128"),
-    ((IMAGE, SEEDS), {"model": 5}, ValueError, "model must be from 0 to 4"),
-    ((IMAGE, SEEDS), {"alpha": 0.0}, ValueError, "alpha"),
-    ((IMAGE, SEEDS), {"lam": float("nan")}, ValueError, "lam"),
+    ((IMAGE, SEEDS), {"lam": float("nan")}, ValueError, "lam must be a finite number"),
+    ((IMAGE, SEEDS), {"lam": 1e39}, ValueError, "lam must be a finite number"),
     ((IMAGE, SEEDS), {"lam": "10"}, TypeError, "lam must be a real number"),
     ((IMAGE, SEEDS), {"iterations": 2.5}, TypeError, "iterations must be an integer"),
-    ((IMAGE, SEEDS), {"data_term": "edges"}, ValueError, "data_term"),
-    ((IMAGE, SEEDS), {"walker_iterations": 100001}, ValueError, "walker_iterations"),
-    ((IMAGE, SEEDS), {"walker_tolerance": 1.5}, ValueError, "walker_tolerance"),
+    ((IMAGE, SEEDS), {"iterations": -1}, ValueError, "iterations must be from 0"),
+    ((IMAGE, SEEDS), {"model": True}, TypeError, "model must be an integer"),
+    ((IMAGE, SEEDS), {"walker_iterations": 2**31}, ValueError, "walker_iterations must be from"),
+    ((IMAGE, SEEDS), {"data_term": 1}, TypeError, "data_term must be a string"),
+    ((IMAGE, SEEDS), {"return_relaxed": 1}, TypeError, "return_relaxed must be a bool"),
 ]
 
 
@@ -154,6 +159,68 @@ BAD_SEGMENT = [
 def test_segment_refuses(args, kwargs, error, message):
     with pytest.raises(error, match=message):
         denseseg.segment(*args, iterations=kwargs.pop("iterations", 1), **kwargs)
+
+
+# A value out of range for every checked key: the program's reader refuses
+# it with its own message, which names the key the package sent.
+OUT_OF_RANGE = {
+    "model": 5,
+    "diffusivity": 2,
+    "alpha": 0.0,
+    "data_term": "edges",
+    "data_weight": -1.0,
+    "walker_beta": -1.0,
+    "walker_iterations": 100001,
+    "walker_tolerance": 1.5,
+    "seed_check_radius": 101,
+    "seed_check_share": 2.0,
+    "seed_check_beta": -1.0,
+}
+
+
+@pytest.mark.parametrize("keyword", sorted(OUT_OF_RANGE))
+def test_settings_out_of_range_get_the_programs_message(keyword):
+    key = next(key for name, _, key, _, _ in denseseg._SETTINGS if name == keyword)
+    with pytest.raises(ValueError) as refused:
+        denseseg.segment(IMAGE, SEEDS, iterations=1, **{keyword: OUT_OF_RANGE[keyword]})
+    assert str(refused.value).startswith(f'configuration key "{key}": expected ')
+    assert str(refused.value).endswith(f"(keyword argument {keyword})")
+
+
+def test_keywords_cover_every_setting():
+    # A setting missing from a signature could not be set; one left out of
+    # refine() would leave a solver key of the engine unreachable there.
+    solver = {name for name, *_, is_solver in denseseg._SETTINGS if is_solver}
+    segment_keywords = set(inspect.signature(denseseg.segment).parameters) - {"image", "seeds"}
+    refine_keywords = set(inspect.signature(denseseg.refine).parameters) - {"image", "probabilities"}
+    assert segment_keywords == set(denseseg.DEFINITION) | {"num_labels", "return_relaxed"}
+    assert refine_keywords == solver | {"return_relaxed"}
+
+
+def test_definition_holds_the_engines_own_defaults():
+    # With the walker and the seed check switched on every setting matters;
+    # entries left out take the engine's defaults.
+    image, regions = textured_frame(24, 32)
+    seeds = np.where(np.random.default_rng(2).random(regions.shape) < 0.05, regions, -1).astype(np.int32)
+    switched_on = {"data_term": "walker", "seed_check_radius": 4, "iterations": 40}
+    explicit = denseseg._entries({**denseseg.DEFINITION, **switched_on})
+    sparse = [("f", "lambda", 10.0), ("i", "maxiter", 40), ("s", "dataTerm", "walker"), ("i", "seedCheckRadius", 4)]
+    frame = image.astype(np.float32)
+    labels, relaxed = _core.segment(frame, seeds, 3, explicit, True)
+    same_labels, same_relaxed = _core.segment(frame, seeds, 3, sparse, True)
+    np.testing.assert_array_equal(labels, same_labels)
+    np.testing.assert_array_equal(relaxed, same_relaxed)
+
+
+def test_image_types_give_the_same_labels():
+    image, regions = textured_frame(24, 32)
+    seeds = np.where(np.random.default_rng(1).random(regions.shape) < 0.05, regions, -1)
+    expected = denseseg.segment(image, seeds, iterations=30)
+    for same in (image.astype(np.uint16) * 257, image.astype(np.float32), image.astype(np.float64)):
+        np.testing.assert_array_equal(denseseg.segment(same, seeds, iterations=30), expected)
+    # All black is black in any type.
+    black = denseseg.segment(np.zeros_like(image), seeds, iterations=30)
+    np.testing.assert_array_equal(denseseg.segment(np.zeros(image.shape), seeds, iterations=30), black)
 
 
 LABELS = np.zeros((6, 8), np.int32)
@@ -173,12 +240,11 @@ BAD_OTHERS = [
     (denseseg.write_tracks, ("t.dat", np.zeros((2, 3, 2)), np.ones((2, 3), bool), [0, 1, 100]), ValueError, "0 to 99"),
     (denseseg.write_tracks, ("t.dat", np.full((1, 1, 2), np.inf), np.ones((1, 1), bool), [0]), ValueError, "finite"),
     # The module itself checks what it is handed, too.
-    (
-        _core.segment,
-        (IMAGE.astype(np.float32), SEEDS[:5].astype(np.int32), 2, 1.0, 1, 1, 0, 0.5, 0, 1.0, 1.0, 1, 0.1, 0, 0.25, 50.0, False),
-        ValueError,
-        "image must be H x W x 3",
-    ),
+    (_core.segment, (IMAGE.astype(np.float32), SEEDS[:5].astype(np.int32), 2, [], False), ValueError, "image must be"),
+    (_core.segment, (IMAGE.astype(np.float32), SEEDS.astype(np.int32), 2, [("f", "alpha", 0.0)], False), ValueError,
+     'configuration key "alpha"'),
+    (_core.segment, (IMAGE.astype(np.float32), SEEDS.astype(np.int32), 2, [("x", "alpha", 0.0)], False), ValueError,
+     "type letter"),
 ]
 
 

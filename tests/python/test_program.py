@@ -31,17 +31,19 @@ def tracks_of(regions, rng, labels=(5, 12, 40), per_region=20):
 
 
 SETTINGS = [
-    # configuration lines, keyword arguments
-    ({"f lambda": 10.0, "i maxiter": 150}, {"lam": 10.0, "iterations": 150}),
+    # configuration lines, keyword arguments (the keys a file leaves out take
+    # the engine's defaults, DEFINITION's)
+    ({"f lambda": 10.0, "i maxiter": 150}, {**denseseg.DEFINITION, "iterations": 150}),
     (
         {"f lambda": 4.0, "i maxiter": 120, "i model": 2, "i diffusivity": 1, "f alpha": 2.0},
-        {"lam": 4.0, "iterations": 120, "model": 2, "diffusivity": 1, "alpha": 2.0},
+        {**denseseg.DEFINITION, "lam": 4.0, "iterations": 120, "model": 2, "diffusivity": 1, "alpha": 2.0},
     ),
-    ({"f lambda": 25.0, "i maxiter": 80, "i model": 0}, {"lam": 25.0, "iterations": 80, "model": 0}),
+    ({"f lambda": 25.0, "i maxiter": 80, "i model": 0}, {**denseseg.DEFINITION, "lam": 25.0, "iterations": 80, "model": 0}),
 ]
 
 
-# Configuration keys and the keyword arguments they become.
+# Configuration keys and the keyword arguments they become, as the README
+# lists them.
 KEYWORDS = {
     "lambda": "lam",
     "maxiter": "iterations",
@@ -71,14 +73,20 @@ def recommended_config():
 
 
 def test_recommended_keywords_are_the_recommended_configuration():
+    # Every key of the file has a keyword (a key without one would be lost).
     expected = {KEYWORDS[entry.split()[1]]: value for entry, value in recommended_config().items()}
     assert denseseg.RECOMMENDED == expected
 
 
-SETTINGS.append((recommended_config(), denseseg.RECOMMENDED))
+# segment() without settings is the recommended mode; DEFINITION is the
+# original one, the five original keys.
+SETTINGS.append((recommended_config(), {}))
+SETTINGS.append(({"f lambda": 10.0, "i maxiter": 100}, denseseg.DEFINITION))
 
 
-@pytest.mark.parametrize("config, kwargs", SETTINGS, ids=["model1", "model2-exp", "model0", "recommended"])
+@pytest.mark.parametrize(
+    "config, kwargs", SETTINGS, ids=["model1", "model2-exp", "model0", "no-settings-recommended", "definition"]
+)
 def test_segment_and_render_equal_the_program(tmp_path, program, config, kwargs):
     image, regions = textured_frame()
     write_ppm(tmp_path / "frame.ppm", image)
@@ -114,3 +122,21 @@ def test_segment_and_render_equal_the_program(tmp_path, program, config, kwargs)
 
     np.testing.assert_array_equal(denseseg.render(labels, label_ids), dense)
     np.testing.assert_array_equal(denseseg.render(labels, label_ids, image), overlay)
+
+
+def test_a_refused_setting_gets_the_programs_line(tmp_path, program):
+    (tmp_path / "filestructure").write_text(
+        f"s dataDir {tmp_path}\ns tracksDir {tmp_path}\ns resultDir {tmp_path}\nf lambda 10\ni model 7\n"
+    )
+    run = subprocess.run(
+        [program, str(tmp_path / "filestructure"), "frame.ppm", "tracks.dat", "0", "out"],
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    assert run.returncode == 255
+    line = run.stderr.strip().splitlines()[0]
+    image, regions = textured_frame(8, 8)
+    with pytest.raises(ValueError) as refused:
+        denseseg.segment(image, regions, model=7)
+    assert str(refused.value) == f"{line} (keyword argument model)"
