@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "src/block_sums.h"
 #include "src/dataterms/probability_cost.h"
 #include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
@@ -30,80 +31,27 @@ namespace {
 using vela::device::Thread;
 
 constexpr const char* kSource = "src/dataterms/walker";
-constexpr unsigned int kBlockX = 32, kBlockY = 8, kBlockThreads = kBlockX * kBlockY;
-constexpr unsigned int kLanes = 32;  // threads that fold the block's values in the second phase
+constexpr unsigned int kBlockX = seg::kSumBlockX, kBlockY = seg::kSumBlockY;
 constexpr float kWeightFloor = 1e-6f;
 
 // ---------------------------------------------------------------------------
 // Kernels
 // ---------------------------------------------------------------------------
 
-struct Pixel {
-    unsigned int x, y, label, thread, block;
-    bool inside;
-};
-
-VELA_HD inline Pixel pixelOf(const Thread& t, uint2 size) {
-    Pixel p;
-    p.x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
-    p.y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
-    p.label = t.blockIdx.z;
-    p.thread = t.threadIdx.y * t.blockDim.x + t.threadIdx.x;
-    p.block = t.blockIdx.y * t.gridDim.x + t.blockIdx.x;
-    p.inside = p.x < size.x && p.y < size.y;
-    return p;
-}
-
+using seg::GridPixel;
 using seg::seedOf;
 
-// Block sums of two values per thread, written to partial(block, label, n).
-// Kernels that reduce run three phases: 0 computes and stores its values,
-// 1 folds them into kLanes slots, 2 adds the slots.
-struct BlockSums {
-    static constexpr int N = 2;
-    float v[N][kBlockThreads];
-};
-
-VELA_HD inline void foldBlockSums(int phase, const Pixel& p, BlockSums& s, const vela::Array<float, 3>& partial) {
-    constexpr int N = BlockSums::N;
-    if (phase == 1 && p.thread < kLanes) {
-        for (int n = 0; n < N; ++n) {
-            float sum = 0.0f;
-            for (unsigned int k = p.thread; k < kBlockThreads; k += kLanes) sum += s.v[n][k];
-            s.v[n][p.thread] = sum;
-        }
-    } else if (phase == 2 && p.thread == 0) {
-        for (int n = 0; n < N; ++n) {
-            float sum = 0.0f;
-            for (unsigned int k = 0; k < kLanes; ++k) sum += s.v[n][k];
-            vela::at(partial, p.block, p.label, static_cast<unsigned int>(n)) = sum;
-        }
-    }
-}
-
 // Sum and sum of squares of the colour channels in [0, 1].
-struct walkerImageMoments_kernel {
-    using Shared = BlockSums;
-    struct Local {};
-    static constexpr int phases = 3;
-    VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, vela::Array<float4, 2> image,
-                            vela::Array<float, 3> partial) const {
-        const Pixel p = pixelOf(t, make_uint2(image.extents.x, image.extents.y));
-        if (phase == 0) {
-            float sum = 0.0f, squares = 0.0f;
-            if (p.inside) {
-                const float4 c = vela::at(image, p.x, p.y);
-                const float v[3] = {c.x / 255.0f, c.y / 255.0f, c.z / 255.0f};
-                for (float channel : v) {
-                    sum += channel;
-                    squares += channel * channel;
-                }
-            }
-            s.v[0][p.thread] = sum;
-            s.v[1][p.thread] = squares;
-            return;
+struct ImageMoments {
+    static constexpr int N = 2;
+    vela::Array<float4, 2> image;
+    VELA_HD void operator()(unsigned int x, unsigned int y, unsigned int, float* values) const {
+        const float4 c = vela::at(image, x, y);
+        const float v[3] = {c.x / 255.0f, c.y / 255.0f, c.z / 255.0f};
+        for (float channel : v) {
+            values[0] += channel;
+            values[1] += channel * channel;
         }
-        foldBlockSums(phase, p, s, partial);
     }
 };
 
@@ -121,7 +69,7 @@ struct walkerWeights_kernel {
                             vela::Array<float4, 2> image, vela::Array<float, 2> labels, unsigned int nLabels,
                             float scale) const {
         const uint2 size = make_uint2(image.extents.x, image.extents.y);
-        const Pixel p = pixelOf(t, size);
+        const GridPixel p(t, size.x, size.y);
         if (!p.inside) return;
         const float4 c = vela::at(image, p.x, p.y);
         const float right = p.x + 1 < size.x ? edgeWeight(c, vela::at(image, p.x + 1, p.y), scale) : 0.0f;
@@ -237,19 +185,19 @@ struct DirectionStep {
 // the block sums of what it adds in partial(block, label, 0 and 1).
 template <class Step>
 struct walkerStep_kernel {
-    using Shared = BlockSums;
+    using Shared = seg::BlockSums<2>;
     struct Local {};
     static constexpr int phases = 3;
     VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
                             vela::Array<float, 1> coefficients, vela::Array<float, 3> partial) const {
-        const Pixel px = pixelOf(t, make_uint2(a.x.extents.x, a.x.extents.y));
+        const GridPixel px(t, a.x.extents.x, a.x.extents.y);
         if (phase == 0) {
             const float2 v =
-                px.inside ? Step{}(a, px.x, px.y, px.label, vela::at(coefficients, px.label)) : make_float2(0.0f, 0.0f);
-            s.v[0][px.thread] = v.x;
-            s.v[1][px.thread] = v.y;
+                px.inside ? Step{}(a, px.x, px.y, px.z, vela::at(coefficients, px.z)) : make_float2(0.0f, 0.0f);
+            s.put(px, 0, v.x);
+            s.put(px, 1, v.y);
         } else {
-            foldBlockSums(phase, px, s, partial);
+            s.fold(phase, px, partial);
         }
     }
 };
@@ -259,10 +207,10 @@ struct walkerStep_kernel {
 // (seg::probabilityCost).
 struct walkerCost_kernel {
     VELA_HD void operator()(const Thread& t, vela::Array<float, 3> cost, vela::Array<float, 3> x, float weight) const {
-        const Pixel px = pixelOf(t, make_uint2(cost.extents.x, cost.extents.y));
+        const GridPixel px(t, cost.extents.x, cost.extents.y);
         if (!px.inside) return;
-        const float probability = fminf(fmaxf(vela::at(x, px.x, px.y, px.label), 0.0f), 1.0f);
-        vela::at(cost, px.x, px.y, px.label) += seg::probabilityCost(probability, weight);
+        const float probability = fminf(fmaxf(vela::at(x, px.x, px.y, px.z), 0.0f), 1.0f);
+        vela::at(cost, px.x, px.y, px.z) += seg::probabilityCost(probability, weight);
     }
 };
 
@@ -277,32 +225,7 @@ struct LabelSums {
     std::vector<double> first, second;
 };
 
-// The per-label block sums of a reducing launch, added up.
-class BlockSumReader {
- public:
-    BlockSumReader(unsigned int blocks, unsigned int labels)
-        : device_(seg::deviceArray3D<float>(blocks, labels, 2)),
-          host_(vela::internal::decreaseArrayDimension<float, 4, 3>(
-              vela::mallocHostArray<float>(make_uint4(blocks, labels, 2, 1), vela::LINEAR_LAYOUT))) {}
-
-    const vela::Array<float, 3>& partial() const { return device_.a; }
-
-    LabelSums read() {
-        vela::arrayCopy(host_.a, device_.a);
-        const unsigned int blocks = host_.a.extents.x, labels = host_.a.extents.y;
-        LabelSums sums{std::vector<double>(labels, 0.0), std::vector<double>(labels, 0.0)};
-        for (unsigned int l = 0; l < labels; ++l)
-            for (unsigned int b = 0; b < blocks; ++b) {
-                sums.first[l] += vela::at(host_.a, b, l, 0u);
-                sums.second[l] += vela::at(host_.a, b, l, 1u);
-            }
-        return sums;
-    }
-
- private:
-    vela::ScopedArray<float, 3> device_;
-    vela::ScopedArray<float, 3> host_;
-};
+LabelSums labelSums(seg::LayerSums&& sums) { return {std::move(sums.of[0]), std::move(sums.of[1])}; }
 
 // One coefficient per label, copied to the device for the next launch.
 class LabelCoefficients {
@@ -330,7 +253,7 @@ class WalkerSteps {
           block_(kBlockX, kBlockY),
           grid_(vela::device::blocksFor(a.x.extents.x, kBlockX), vela::device::blocksFor(a.x.extents.y, kBlockY),
                 a.x.extents.z),
-          sums_(grid_.x * grid_.y, grid_.z),
+          sums_(grid_, 2),
           coefficients_(grid_.z) {}
 
     LabelSums start() { return run<StartStep>(); }
@@ -353,7 +276,7 @@ class WalkerSteps {
             vela::device::launch<walkerStep_kernel<Step>>(grid_, block_, nullptr, a_, coefficients_.upload(),
                                                           sums_.partial());
             check(__LINE__);
-            sums = sums_.read();
+            sums = labelSums(sums_.read());
         };
         auto rows = [&] {
             std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
@@ -389,20 +312,14 @@ class WalkerSteps {
 
     WalkerArrays a_;
     dim3 block_, grid_;
-    BlockSumReader sums_;
+    seg::BlockSumReader sums_;
     LabelCoefficients coefficients_;
 };
 
 }  // namespace
 
 float walkerColourScale(const vela::Array<float4, 2>& image, float beta) {
-    const dim3 block(kBlockX, kBlockY);
-    const dim3 grid(vela::device::blocksFor(image.extents.x, kBlockX),
-                    vela::device::blocksFor(image.extents.y, kBlockY));
-    BlockSumReader moments(grid.x * grid.y, 1);
-    vela::device::launch<walkerImageMoments_kernel>(grid, block, nullptr, image, moments.partial());
-    check(__LINE__);
-    const LabelSums sums = moments.read();
+    const LabelSums sums = labelSums(seg::pixelSums(ImageMoments{image}, image.extents.x, image.extents.y));
     const double values = 3.0 * image.extents.x * image.extents.y;
     const double mean = sums.first[0] / values;
     const double variance = std::max(0.0, sums.second[0] / values - mean * mean);
