@@ -45,6 +45,23 @@ class PDseg : public ImgSeg {
     float tau;
     float sigma;
 
+    // Optional ways of running the solver, off by default.  init() leaves them
+    // as they are.
+    //
+    // The boundary weights of model 1: the model's own diffusivity g, or
+    // CONTRAST_EDGES: one weight per edge between neighbours, normalised by the
+    // frame's contrast (seg::contrastEdgeWeights), applied inside the gradient
+    // so that the dual field stays in the unit disc.
+    enum EdgeWeights : int { MODEL_WEIGHTS = 0, CONTRAST_EDGES = 1 };
+    EdgeWeights edgeWeights = MODEL_WEIGHTS;
+    // Stop before nIterations once an iteration moves the relaxed labelling by
+    // less than this, summed over the labels and averaged over the pixels
+    // (checked every few iterations; 0 runs all nIterations).  Model 2 keeps
+    // no over-relaxed field to measure and always runs all of them.
+    float tolerance = 0.0f;
+    // The iterations the last run() took.
+    int iterationsDone = 0;
+
  private:
     // Sets nLabels and gives the object a fresh costMap, u and uResult of
     // W x H x L, releasing the ones it held.  L = 0 gives layerless arrays

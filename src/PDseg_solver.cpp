@@ -5,6 +5,7 @@
 #include <string>
 
 #include "src/PDseg.h"
+#include "src/block_sums.h"
 #include "src/engine_arrays.h"
 #include "src/solver/edge_weights.h"
 #include "src/solver/grid.h"
@@ -365,10 +366,37 @@ void fill(vela::Array<T, N>& a, T value) {
     vela::set(whole, value, nullptr);
 }
 
-// The loop count rule: N = (float)nIterations iterations, counted in float.
+// How often the tolerance is checked: each check waits for the device.
+constexpr int kCheckEvery = 10;
+
+// sum_l |ū - u| at a pixel: after an iteration, the change it made to the
+// relaxed labelling (ū = 2 u - u_before).
+struct LabellingChange {
+    static constexpr int N = 1;
+    vela::Array<float, 3> u, ubar;
+    VELA_HD void operator()(unsigned int x, unsigned int y, unsigned int, float* values) const {
+        float change = 0.0f;
+        for (unsigned int l = 0; l < u.extents.z; ++l) change += fabsf(vela::at(ubar, x, y, l) - vela::at(u, x, y, l));
+        values[0] = change;
+    }
+};
+
+// The loop count rule: N = (float)nIterations iterations, counted in float;
+// with a tolerance > 0, fewer once the labelling has settled.  Returns the
+// iterations run.
 template <class Body>
-void iterate(float n, const Body& body) {
-    for (int i = 0; n > static_cast<float>(i); ++i) body();
+int iterate(float n, float tolerance, const vela::Array<float, 3>& u, const vela::Array<float, 3>& ubar,
+            const Body& body) {
+    const double pixels = static_cast<double>(u.extents.x) * u.extents.y;
+    int i = 0;
+    while (n > static_cast<float>(i)) {
+        body();
+        ++i;
+        if (tolerance > 0.0f && i % kCheckEvery == 0 &&
+            seg::pixelSums(LabellingChange{u, ubar}, u.extents.x, u.extents.y).of[0][0] < tolerance * pixels)
+            break;
+    }
+    return i;
 }
 
 }  // namespace
@@ -413,10 +441,23 @@ void PDseg::run() {
             // reads u itself: ū is written and never read, by design.
             fill(g, 1.0f);
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
-            iterate(n, [&] { seg::tv_iteration(p.a, u, ubar.a, costMap, stepSigma, stepTau, weight); });
+            iterationsDone = iterate(n, tolerance, u, ubar.a,
+                                     [&] { seg::tv_iteration(p.a, u, ubar.a, costMap, stepSigma, stepTau, weight); });
             break;
         case WEIGHTED_TV:
         case WEIGHTED_TV_FAST:
+            if (model == WEIGHTED_TV && edgeWeights == CONTRAST_EDGES) {
+                // The reflection form's steps with a diagonal tensor are the
+                // gradient weighted per edge and its adjoint.
+                seg::ScopedArray<float4, 2> D(seg::deviceArray2D<float4>(W, H));
+                seg::contrastEdgeWeights(D.a, scaled.a);
+                fill(g, 1.0f);
+                vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
+                iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
+                    seg::aniso_exp_iteration(p.a, u, ubar.a, costMap, D.a, stepSigma, stepTau, weight);
+                });
+                break;
+            }
             if (diffusivityType == 0)
                 seg::imageDiffusivity_STD(g, scaled.a);
             else if (diffusivityType == 1)
@@ -425,9 +466,13 @@ void PDseg::run() {
                 fill(g, 1.0f);  // no such diffusivity: plain weights rather than undefined ones
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
             if (model == WEIGHTED_TV) {
-                iterate(n, [&] { seg::weighted_tv_iteration(p.a, u, ubar.a, costMap, g, stepSigma, stepTau, weight); });
+                iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
+                    seg::weighted_tv_iteration(p.a, u, ubar.a, costMap, g, stepSigma, stepTau, weight);
+                });
             } else {
-                iterate(n, [&] { seg::update_fast(u, costMap, p.a, g, stepTau, stepSigma, weight); });
+                // No over-relaxed field to measure: every iteration runs.
+                iterationsDone = iterate(n, 0.0f, u, ubar.a,
+                                         [&] { seg::update_fast(u, costMap, p.a, g, stepTau, stepSigma, weight); });
             }
             break;
         case ANISOTROPIC_TV: {
@@ -437,7 +482,9 @@ void PDseg::run() {
             seg::saveGradient(gradient.a, 0.1f, "imageGradient.ppm");
             seg::compute_Diffusion_tensor(D.a, scaled.a, g);
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
-            iterate(n, [&] { seg::aniso_iteration(p.a, u, ubar.a, costMap, D.a, g, stepSigma, stepTau, weight); });
+            iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
+                seg::aniso_iteration(p.a, u, ubar.a, costMap, D.a, g, stepSigma, stepTau, weight);
+            });
             break;
         }
         case ANISOTROPIC_EXP_TV: {
@@ -448,7 +495,9 @@ void PDseg::run() {
             seg::compute_Diffusion_tensor_exp(D.a, gradient.a);
             fill(g, 1.0f);  // this model has no edge weights
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
-            iterate(n, [&] { seg::aniso_exp_iteration(p.a, u, ubar.a, costMap, D.a, stepSigma, stepTau, weight); });
+            iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
+                seg::aniso_exp_iteration(p.a, u, ubar.a, costMap, D.a, stepSigma, stepTau, weight);
+            });
             break;
         }
     }

@@ -1,11 +1,22 @@
 #include "src/segment.h"
 
+#include <cmath>
 #include <stdexcept>
 #include <string>
 
+#include "src/dataterms/colour_model.h"
 #include "src/dataterms/seed_check.h"
 #include "src/dataterms/walker.h"
 #include "src/engine_arrays.h"
+
+namespace {
+
+// The share of the colour term's weight a frame gets: in proportion to how
+// well colour separates its labels at the seeds, the full weight from a
+// separability of one half on.
+float colourTrust(float separability) { return std::fmin(1.0f, 2.0f * separability); }
+
+}  // namespace
 
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
                          const SegmentationSettings& settings) {
@@ -13,13 +24,25 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
     vela::ScopedArray<float, 2> checked;
     vela::Array<float, 2>* seeds = &labels;
     if (settings.seedCheckRadius > 0 && numLabels > 0) {
+        const unsigned int n = static_cast<unsigned int>(numLabels);
         const float scale = walkerColourScale(seg.image, settings.seedCheckBeta);
-        checked.a = checkSeeds(seg.image, labels, static_cast<unsigned int>(numLabels), settings.seedCheckRadius,
-                               settings.seedCheckShare, scale);
+        if (settings.seedCheckFit > 0.0f) {
+            const ColourModel colours(seg.image, labels, n);
+            vela::ScopedArray<float, 2> fit(seg::deviceArray2D<float>(labels.extents.x, labels.extents.y));
+            colours.seedFit(fit.a);
+            checked.a = checkSeeds(seg.image, labels, n, settings.seedCheckRadius, settings.seedCheckShare, scale,
+                                   fit.a, settings.seedCheckFit);
+        } else {
+            checked.a = checkSeeds(seg.image, labels, n, settings.seedCheckRadius, settings.seedCheckShare, scale);
+        }
         seeds = &checked.a;
     }
     seg.labelsToCostMap(*seeds, numLabels);
     if (settings.dataTerm == DataTerm::WALKER) addWalkerCost(seg, *seeds, settings);
+    if (settings.colourWeight > 0.0f && numLabels > 0) {
+        const ColourModel colours(seg.image, *seeds, static_cast<unsigned int>(numLabels));
+        colours.addCost(seg.costMap, settings.colourWeight * colourTrust(colours.separability()));
+    }
 }
 
 void applySolverSettings(PDseg& seg, const SegmentationSettings& settings) {
@@ -28,6 +51,8 @@ void applySolverSettings(PDseg& seg, const SegmentationSettings& settings) {
     seg.nIterations = settings.maxiter;
     seg.diffusivityType = settings.diffusivity;
     seg.alpha = settings.alpha;
+    seg.edgeWeights = settings.edgeWeights == EdgeWeights::CONTRAST ? PDseg::CONTRAST_EDGES : PDseg::MODEL_WEIGHTS;
+    seg.tolerance = settings.solverTolerance;
 }
 
 void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {

@@ -14,7 +14,7 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
                          const SegmentationSettings& settings);
 
 // Sets the solver's parameters from the settings: the model, lambda, the
-// iterations and the edge weights' diffusivity and alpha.  Every caller that
+// iterations, the edge weights and the tolerance.  Every caller that
 // runs the solver sets them here, whatever made its cost map.
 void applySolverSettings(PDseg& seg, const SegmentationSettings& settings);
 

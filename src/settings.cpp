@@ -70,6 +70,15 @@ bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings,
         else
             return refuse(kv, "\"s dataTerm seeds\" or \"s dataTerm walker\"", error);
     }
+    if (present(config, "edgeWeights")) {
+        const keyvalue& kv = config["edgeWeights"];
+        if (kv.type == 's' && kv.text == "diffusivity")
+            s.edgeWeights = EdgeWeights::DIFFUSIVITY;
+        else if (kv.type == 's' && kv.text == "contrast")
+            s.edgeWeights = EdgeWeights::CONTRAST;
+        else
+            return refuse(kv, "\"s edgeWeights diffusivity\" or \"s edgeWeights contrast\"", error);
+    }
     const bool ok = readIntKey(config, "model", 0, 4, s.model, error) &&
                     readIntKey(config, "diffusivity", 0, 1, s.diffusivity, error) &&
                     readFloatKey(config, "alpha", 1e-6f, 1e6f, s.alpha, error) &&
@@ -79,8 +88,13 @@ bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings,
                     readFloatKey(config, "walkerTolerance", 0.0f, 1.0f, s.walkerTolerance, error) &&
                     readIntKey(config, "seedCheckRadius", 0, 100, s.seedCheckRadius, error) &&
                     readFloatKey(config, "seedCheckShare", 0.0f, 1.0f, s.seedCheckShare, error) &&
-                    readFloatKey(config, "seedCheckBeta", 0.0f, 1e6f, s.seedCheckBeta, error);
+                    readFloatKey(config, "seedCheckBeta", 0.0f, 1e6f, s.seedCheckBeta, error) &&
+                    readFloatKey(config, "seedCheckFit", 0.0f, 1.0f, s.seedCheckFit, error) &&
+                    readFloatKey(config, "solverTolerance", 0.0f, 1.0f, s.solverTolerance, error) &&
+                    readFloatKey(config, "colourWeight", 0.0f, 1e6f, s.colourWeight, error);
     if (!ok) return false;
+    if (s.edgeWeights == EdgeWeights::CONTRAST && s.model != 1)
+        return refuse(config["edgeWeights"], "\"s edgeWeights contrast\" with model 1 (\"i model 1\")", error);
     settings = s;
     return true;
 }

@@ -21,12 +21,23 @@ enum class DataTerm : int {
     WALKER = 1,
 };
 
+// How model 1 weighs the length of a boundary.
+enum class EdgeWeights : int {
+    // The model's own diffusivity g of the image ("diffusivity", "alpha").
+    DIFFUSIVITY = 0,
+    // One weight per edge between neighbours, exp(-b d^2), d the colour
+    // difference across it and b set by the frame's mean contrast.
+    CONTRAST = 1,
+};
+
 struct SegmentationSettings {
-    float lambda = 0.0f;                  // "lambda": weight of the data term
-    int maxiter = 0;                      // "maxiter": primal-dual iterations
-    int model = 1;                        // "model": PDseg::SegmentationModel, 0 to 4
-    int diffusivity = 0;                  // "diffusivity": edge weights of models 1 and 2, 0 standard, 1 exponential
-    float alpha = 0.5f;                   // "alpha": parameter of the exponential diffusivity
+    float lambda = 0.0f;  // "lambda": weight of the data term
+    int maxiter = 0;      // "maxiter": primal-dual iterations
+    int model = 1;        // "model": PDseg::SegmentationModel, 0 to 4
+    int diffusivity = 0;  // "diffusivity": edge weights of models 1 and 2, 0 standard, 1 exponential
+    float alpha = 0.5f;   // "alpha": parameter of the exponential diffusivity
+    EdgeWeights edgeWeights = EdgeWeights::DIFFUSIVITY;  // "edgeWeights": "diffusivity" or "contrast" (model 1)
+    float solverTolerance = 0.0f;  // "solverTolerance": stop once an iteration moves the labelling less (0: never)
     DataTerm dataTerm = DataTerm::SEEDS;  // "dataTerm": "seeds" or "walker"
     float dataWeight = 1.0f;              // "dataWeight": weight of the walker cost against the seed cost
     float walkerBeta = 500.0f;            // "walkerBeta": how sharply colour edges cut the walker's graph
@@ -37,6 +48,13 @@ struct SegmentationSettings {
     int seedCheckRadius = 0;       // "seedCheckRadius": pixels around a seed that vote on it
     float seedCheckShare = 0.25f;  // "seedCheckShare": share of the vote its label needs
     float seedCheckBeta = 50.0f;   // "seedCheckBeta": how much a colour difference weakens a vote
+    // "seedCheckFit": with a value > 0, a seed the vote rejects is dropped only
+    // when its colour fits another label better (own fit below this share of
+    // the best), and no label loses its last seeds; 0: the vote alone.
+    float seedCheckFit = 0.0f;
+    // The labels' colours learned from the frame's seeds (src/dataterms/colour_model.h)
+    // as a further cost, weighted by how well they tell the labels apart at the seeds.
+    float colourWeight = 0.0f;  // "colourWeight": its weight where colour separates the labels well (0: off)
 };
 
 // Reads the settings from `config` into `settings`.  False, with `error`

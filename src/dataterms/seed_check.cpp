@@ -4,6 +4,8 @@
 
 #include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
+#include "vela/algorithms/basic.h"
+#include "vela/device/atomic.h"
 #include "vela/device/launch.h"
 
 namespace {
@@ -12,6 +14,9 @@ using vela::device::Thread;
 
 constexpr const char* kSource = "src/dataterms/seed_check";
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
+// With colour as a witness, a seed is only judged among at least this many
+// others: clicks, a handful per label, are never outvoted.
+constexpr int kMinVoters = 3;
 
 // ---------------------------------------------------------------------------
 // Kernels
@@ -21,7 +26,7 @@ constexpr unsigned int kBlockX = 32, kBlockY = 8;
 struct checkSeeds_kernel {
     VELA_HD void operator()(const Thread& t, vela::Array<float, 2> checked, vela::Array<float, 2> labels,
                             vela::Array<float4, 2> image, unsigned int nLabels, int radius, float minShare,
-                            float colourScale) const {
+                            float colourScale, vela::Array<float, 2> fit, float minFit) const {
         const int w = static_cast<int>(labels.extents.x), h = static_cast<int>(labels.extents.y);
         const int x = static_cast<int>(t.blockIdx.x * t.blockDim.x + t.threadIdx.x);
         const int y = static_cast<int>(t.blockIdx.y * t.blockDim.y + t.threadIdx.y);
@@ -33,6 +38,7 @@ struct checkSeeds_kernel {
 
         const float4 c = vela::at(image, x, y);
         float own = 0.0f, all = 0.0f;
+        int voters = 0;
         for (int j = y - radius > 0 ? y - radius : 0; j <= y + radius && j < h; ++j)
             for (int i = x - radius > 0 ? x - radius : 0; i <= x + radius && i < w; ++i) {
                 const int other = seg::seedOf(labels, i, j, nLabels);
@@ -41,9 +47,38 @@ struct checkSeeds_kernel {
                 const float dr = (c.x - d.x) / 255.0f, dg = (c.y - d.y) / 255.0f, db = (c.z - d.z) / 255.0f;
                 const float vote = expf(colourScale * (dr * dr + dg * dg + db * db));
                 all += vote;
+                ++voters;
                 if (other == seed) own += vote;
             }
-        if (all > 0.0f && own < minShare * all) vela::at(checked, x, y) = -1.0f;
+        const bool outvoted = all > 0.0f && own < minShare * all && (fit.data == nullptr || voters >= kMinVoters);
+        // Without a fit array the vote alone decides.
+        const bool misfit = fit.data == nullptr || vela::at(fit, x, y) < minFit;
+        if (outvoted && misfit) vela::at(checked, x, y) = -1.0f;
+    }
+};
+
+// Seeds per label that the check kept.
+struct countKept_kernel {
+    VELA_HD void operator()(const Thread& t, vela::Array<int, 1> kept, vela::Array<float, 2> checked,
+                            unsigned int nLabels) const {
+        const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+        if (x >= checked.extents.x || y >= checked.extents.y) return;
+        const int l = seg::seedOf(checked, x, y, nLabels);
+        if (l >= 0) vela::device::addAtomic(&vela::at(kept, static_cast<unsigned int>(l)), 1);
+    }
+};
+
+// Gives back the seeds of every label the check left without any.
+struct keepLastSeeds_kernel {
+    VELA_HD void operator()(const Thread& t, vela::Array<float, 2> checked, vela::Array<float, 2> labels,
+                            vela::Array<int, 1> kept, unsigned int nLabels) const {
+        const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+        if (x >= labels.extents.x || y >= labels.extents.y) return;
+        const int l = seg::seedOf(labels, x, y, nLabels);
+        if (l >= 0 && vela::at(kept, static_cast<unsigned int>(l)) == 0)
+            vela::at(checked, x, y) = vela::at(labels, x, y);
     }
 };
 
@@ -53,16 +88,40 @@ struct checkSeeds_kernel {
 // Host functions
 // ---------------------------------------------------------------------------
 
-vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
-                                 unsigned int nLabels, int radius, float minShare, float colourScale) {
+namespace {
+
+vela::Array<float, 2> check(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
+                            unsigned int nLabels, int radius, float minShare, float colourScale,
+                            const vela::Array<float, 2>& fit, float minFit) {
     const unsigned int w = labels.extents.x, h = labels.extents.y;
     vela::ScopedArray<float, 2> checked(seg::deviceArray2D<float>(w, h));
     const dim3 block(kBlockX, kBlockY);
     const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
     vela::device::launch<checkSeeds_kernel>(grid, block, nullptr, checked.a, labels, image, nLabels, radius, minShare,
-                                            colourScale);
+                                            colourScale, fit, minFit);
     vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
+    if (fit.data != nullptr && nLabels > 0) {
+        vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(nLabels));
+        auto whole = vela::internal::increaseArrayDimension(kept.a);
+        vela::set(whole, 0, nullptr);
+        vela::device::launch<countKept_kernel>(grid, block, nullptr, kept.a, checked.a, nLabels);
+        vela::device::launch<keepLastSeeds_kernel>(grid, block, nullptr, checked.a, labels, kept.a, nLabels);
+        vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
+    }
     const vela::Array<float, 2> result = checked.a;
     checked.a = vela::Array<float, 2>{};
     return result;
+}
+
+}  // namespace
+
+vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
+                                 unsigned int nLabels, int radius, float minShare, float colourScale) {
+    return check(image, labels, nLabels, radius, minShare, colourScale, vela::Array<float, 2>{}, 0.0f);
+}
+
+vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
+                                 unsigned int nLabels, int radius, float minShare, float colourScale,
+                                 const vela::Array<float, 2>& fit, float minFit) {
+    return check(image, labels, nLabels, radius, minShare, colourScale, fit, minFit);
 }

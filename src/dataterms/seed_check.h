@@ -14,3 +14,13 @@
 // distance d (channels in [0, 1]) by exp(colourScale * d).
 vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
                                  unsigned int nLabels, int radius, float minShare, float colourScale);
+
+// The check with colour as a second witness: a seed the vote rejects is
+// dropped only when its colour, by the labels' colour models, fits another
+// label clearly better than its own (fit(x, y) < minFit, fit from
+// ColourModel::seedFit), so that a thin structure's seeds among another
+// label's are kept when their colour is their own.  A label never loses its
+// last seeds: where every seed of a label fails, all of them stay.
+vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
+                                 unsigned int nLabels, int radius, float minShare, float colourScale,
+                                 const vela::Array<float, 2>& fit, float minFit);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "src/block_sums.h"
 #include "src/engine_arrays.h"
 #include "src/solver/grid.h"
 #include "vela/access.h"
@@ -200,6 +201,39 @@ struct cartesianToRGB_kernel {
     }
 };
 
+// Squared colour differences of a pixel to its right and lower neighbours,
+// the edges that exist.
+VELA_HD inline float rightSquare(const Array<float4, 2>& image, unsigned int x, unsigned int y) {
+    if (x + 1 >= image.extents.x) return 0.0f;
+    const Rgb d = minusRgb(vela::at(image, x + 1, y), vela::at(image, x, y));
+    return dot(d, d);
+}
+VELA_HD inline float downSquare(const Array<float4, 2>& image, unsigned int x, unsigned int y) {
+    if (y + 1 >= image.extents.y) return 0.0f;
+    const Rgb d = minusRgb(vela::at(image, x, y + 1), vela::at(image, x, y));
+    return dot(d, d);
+}
+
+// The sum of all edges' squared differences, for their mean.
+struct EdgeSquares {
+    static constexpr int N = 1;
+    Array<float4, 2> image;
+    VELA_HD void operator()(unsigned int x, unsigned int y, unsigned int, float* values) const {
+        values[0] = rightSquare(image, x, y) + downSquare(image, x, y);
+    }
+};
+
+// D = (wx, 0, 0, wy): the weights of the edges to the right and lower
+// neighbours, exp(-b * squared difference), 0 where there is no neighbour.
+struct contrastEdgeWeights_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float4, 2> D, Array<float4, 2> image, float b) const {
+        unsigned int x, y;
+        if (!pixelOf(t, D.extents.x, D.extents.y, x, y)) return;
+        const float wx = x + 1 < image.extents.x ? expf(-b * rightSquare(image, x, y)) : 0.0f;
+        const float wy = y + 1 < image.extents.y ? expf(-b * downSquare(image, x, y)) : 0.0f;
+        vela::at(D, x, y) = make_float4(wx, 0.0f, 0.0f, wy);
+    }
+};
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -257,6 +291,16 @@ void compute_Diffusion_tensor(const Array<float4, 2>& D, const Array<float2, 2>&
 void compute_Diffusion_tensor(const Array<float4, 2>& D, const Array<float4, 2>& image) {
     requireSameSize("seg::compute_Diffusion_tensor", "D", D, "image", image);
     launchOverPixels<compute_Diffusion_tensor_kernel>(D, image);
+}
+
+void contrastEdgeWeights(const Array<float4, 2>& D, const Array<float4, 2>& image) {
+    requireSameSize("seg::contrastEdgeWeights", "D", D, "image", image);
+    const unsigned int w = image.extents.x, h = image.extents.y;
+    const double edges = static_cast<double>(w - 1) * h + static_cast<double>(w) * (h - 1);
+    const double sum = edges > 0.0 ? pixelSums(EdgeSquares{image}, w, h).of[0][0] : 0.0;
+    // A flat image (or a single pixel) has no contrast to respect: every weight 1.
+    const float b = sum > 0.0 ? static_cast<float>(edges / (2.0 * sum)) : 0.0f;
+    launchOverPixels<contrastEdgeWeights_kernel>(D, image, b);
 }
 
 void cartesianToRGB(const Array<uchar4, 2>& picture, const Array<float2, 2>& gradient, float factor) {

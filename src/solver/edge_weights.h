@@ -43,6 +43,13 @@ void compute_Diffusion_tensor(const vela::Array<float4, 2>& D, const vela::Array
 // Weight w = exp(-2 n^2) on the normalised structure tensor, 1 on its adjugate.
 void compute_Diffusion_tensor(const vela::Array<float4, 2>& D, const vela::Array<float4, 2>& image);
 
+// Per-edge weights normalised by the frame's contrast, as a diagonal tensor
+// (wx, 0, 0, wy) for the reflection form of the solver's steps: the edge from
+// a pixel to its right (lower) neighbour weighs exp(-b d^2), d^2 the squared
+// colour difference across it and b = 1 / (2 * mean d^2) over all edges of the
+// image; 0 where there is no neighbour, 1 everywhere in a flat image.
+void contrastEdgeWeights(const vela::Array<float4, 2>& D, const vela::Array<float4, 2>& image);
+
 // Colours each pixel by the direction and length of gradient * factor: hue from
 // half the angle, brightness from the length capped at 1; alpha 255.
 void cartesianToRGB(const vela::Array<uchar4, 2>& picture, const vela::Array<float2, 2>& gradient, float factor);
