@@ -209,6 +209,26 @@ Grid<float4> refGradientTensor(const Grid<float2>& gradient, bool reflection) {
     });
 }
 
+Grid<float4> refContrastWeights(const Grid<float4>& image) {
+    double sum = 0, edges = 0;
+    auto square = [&](const float4& a, const float4& b) {
+        float s = 0;
+        for (int c = 0; c < 3; ++c) s += (rgb(a, c) - rgb(b, c)) * (rgb(a, c) - rgb(b, c));
+        return s;
+    };
+    for (unsigned int y = 0; y < image.H; ++y)
+        for (unsigned int x = 0; x < image.W; ++x) {
+            if (x + 1 < image.W) sum += square(image(x + 1, y), image(x, y)), ++edges;
+            if (y + 1 < image.H) sum += square(image(x, y + 1), image(x, y)), ++edges;
+        }
+    const float b = sum > 0 ? static_cast<float>(edges / (2 * sum)) : 0.0f;
+    return perPixel<float4>(image.W, image.H, [&](unsigned int x, unsigned int y) {
+        const float wx = x + 1 < image.W ? std::exp(-b * square(image(x + 1, y), image(x, y))) : 0.0f;
+        const float wy = y + 1 < image.H ? std::exp(-b * square(image(x, y + 1), image(x, y))) : 0.0f;
+        return make_float4(wx, 0, 0, wy);
+    });
+}
+
 Grid<float4> refImageTensor(const Grid<float4>& image) {
     return perPixel<float4>(image.W, image.H, [&](unsigned int x, unsigned int y) {
         const Structure s = structureAt(image, x, y);
@@ -228,10 +248,13 @@ Grid<float> refSolve(const Grid<float4>& image, const Grid<float>& cost, int mod
     if (model == 1 || model == 2) g = refDiffusivity(scaled, diffusivityType, 0.5f);
     if (model == 3) refStructureTensor(scaled, D, g);
     if (model == 4) D = refGradientTensor(refGradient(scaled), true);
-    const float tau = model >= 3 ? 1.0f : 0.1f, sigma = model == 3 ? 1.0f / 12.0f : model == 4 ? 0.05f : 1.25f;
+    if (model == 5) D = refContrastWeights(scaled);
+    const bool tensorSteps = model == 3 || model == 4;
+    const float tau = tensorSteps ? 1.0f : 0.1f, sigma = model == 3 ? 1.0f / 12.0f : model == 4 ? 0.05f : 1.25f;
     for (int i = 0; static_cast<float>(iterations) > static_cast<float>(i); ++i) {
         if (model == 2) refFast(u, cost, p, g, tau, sigma);
-        if (model != 2) refIteration(model, p, u, ubar, cost, g, D, sigma, tau);
+        // Per-edge weights are the reflection form's steps with a diagonal tensor.
+        if (model != 2) refIteration(model == 5 ? 4 : model, p, u, ubar, cost, g, D, sigma, tau);
     }
     return u;
 }

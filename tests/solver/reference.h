@@ -17,9 +17,13 @@ Grid<float4> refGradientTensor(const Grid<float2>& gradient, bool reflection);
 // Weight exp(-2 n^2) on the normalised structure tensor.
 Grid<float4> refImageTensor(const Grid<float4>& image);
 
+// Per-edge weights exp(-b d^2) to the right and lower neighbour as the
+// diagonal tensor (wx, 0, 0, wy), b = 1 / (2 * mean d^2) over the image's
+// edges; 0 where there is no neighbour.
+Grid<float4> refContrastWeights(const Grid<float4>& image);
 // A whole solve of an image in 0..255 with lambda 10 and alpha 0.5, the fused
 // model's tiles in the host's order; the relaxed labelling of the last
-// iteration.
+// iteration.  Model 5 stands for model 1 with the contrast-normalised edges.
 Grid<float> refSolve(const Grid<float4>& image, const Grid<float>& cost, int model, int iterations,
                      int diffusivityType);
 

@@ -43,14 +43,19 @@ struct Solved {
 // Runs the solver twice on one object: the second run must start afresh and
 // give the same bytes (and replace the first run's weights, or a leak check
 // sees them lost).  Only the GPU's fused tiles may race.
-Solved solve(const Problem& pr, int model, int iterations, int diffusivityType = 0) {
+// Model 5 is model 1 with the contrast-normalised edges.
+Solved solve(const Problem& pr, int model, int iterations, int diffusivityType = 0, float tolerance = 0.0f,
+             int* iterationsDone = nullptr) {
     auto image = upload<2>(pr.image);
     vela::Array<float, 3> cost = toDevice<3>(pr.cost);
     ScopedPDseg seg(image.a, cost);  // takes the cost map over
-    seg.model = static_cast<PDseg::SegmentationModel>(model);
+    seg.model = static_cast<PDseg::SegmentationModel>(model == 5 ? 1 : model);
+    if (model == 5) seg.edgeWeights = PDseg::CONTRAST_EDGES;
     seg.nIterations = iterations;
     seg.diffusivityType = diffusivityType;
+    seg.tolerance = tolerance;
     seg.run();
+    if (iterationsDone) *iterationsDone = seg.iterationsDone;
     const Solved first{toHost(seg.uResult), toHost(seg.u)};
     seg.run();
     EXPECT_TRUE((model == 2 && vela::device::usesCuda()) ||
@@ -124,6 +129,51 @@ TEST(Run, EveryModelFollowsThePlainLoop) {
     omp_set_num_threads(threads);
 }
 
+// The contrast-normalised edges against the plain loop, on both host paths:
+// blocks partly filled, a single column and row, and a flat image (every
+// weight 1).
+TEST(Run, ContrastEdgesFollowThePlainLoop) {
+    struct Case {
+        unsigned int W, H, L;
+        int iterations;
+        bool flat;
+    };
+    for (const Case& c : {Case{37, 9, 5, 6, false}, Case{1, 5, 3, 4, false}, Case{7, 1, 2, 4, false},
+                          Case{12, 8, 4, 40, false}, Case{9, 6, 3, 5, true}}) {
+        Problem pr = randomProblem(c.W, c.H, c.L);
+        if (c.flat)
+            for (auto& px : pr.image.data) px = make_float4(90, 90, 90, 255);
+        SCOPED_TRACE(std::to_string(c.W) + " x " + std::to_string(c.H) + " x " + std::to_string(c.L));
+        const Grid<float> want = refSolve(pr.image, pr.cost, 5, c.iterations, 0);
+        for (seg::HostSweep path : {seg::HostSweep::Rows, seg::HostSweep::Threads}) {
+            seg::setHostSweep(path);
+            const Solved got = solve(pr, 5, c.iterations);
+            seg::setHostSweep(seg::HostSweep::Rows);
+            EXPECT_TRUE(near(got.relaxed, want, 1e-4f, 1e-3f));
+            expectConsistent(got);
+        }
+    }
+}
+
+// With a tolerance the solve stops, at a multiple of the checking interval,
+// once the labelling settles, and its hard labelling is the one of the full
+// run; without one, and always for the fused model, every iteration runs.
+TEST(Run, AToleranceStopsOnceTheLabellingSettles) {
+    const Problem pr = randomProblem(40, 30, 4);
+    for (int model : {0, 1, 3, 4, 5}) {
+        int done = 0, all = 0;
+        const Solved early = solve(pr, model, 3000, 0, 1e-4f, &done);
+        const Solved full = solve(pr, model, 3000, 0, 0.0f, &all);
+        EXPECT_TRUE(done < 3000 && done % 10 == 0 && all == 3000) << "model " << model << ": " << done;
+        int differ = 0;
+        for (std::size_t i = 0; i < full.hard.data.size(); ++i) differ += early.hard.data[i] != full.hard.data[i];
+        EXPECT_LE(differ, 2 * 12) << "model " << model;  // 1 % of the pixels, two layers each
+    }
+    int done = 0;
+    solve(pr, 2, 50, 0, 0.5f, &done);
+    EXPECT_EQ(done, 50);
+}
+
 // A dark left half and a bright right half, labelled only in their centres:
 // the edge-weighted models put the boundary on the image edge.  (The tensor
 // models measure the label gradient along image structure, which a flat region
@@ -136,7 +186,7 @@ TEST(Run, EdgeWeightedModelsFindTwoRegionsLabelledAtTheirCentres) {
             pr.image(x, y) = x < w / 2 ? make_float4(40, 60, 50, 255) : make_float4(220, 200, 210, 255);
     for (unsigned int y = 4; y < 6; ++y)
         for (unsigned int x : {5u, 6u, 17u, 18u}) pr.cost(x, y, x < w / 2 ? 1 : 0) = 1.0f;
-    for (int model : {1, 2}) {
+    for (int model : {1, 2, 5}) {
         const Solved got = solve(pr, model, 100);
         int wrong = 0;
         for (unsigned int y = 0; y < h; ++y)
