@@ -38,7 +38,7 @@ else
     vela_build_packages
     echo "== build (host preset)"
     cmake --preset host >/dev/null
-    cmake --build --preset host -j "$(vela_jobs)" --target denseseg dump_seeds >/dev/null
+    cmake --build --preset host -j "$(vela_jobs)" --target denseseg dump_seeds dump_costs >/dev/null
     build=build-host
 fi
 
