@@ -1,17 +1,21 @@
 #!/usr/bin/env bash
 # The evaluation, one command: builds the program (host preset) unless
 # DENSESEG_BUILD names a build folder that has it, makes a Python environment
-# with numpy and scikit-image in .venv-eval/, generates synthetic sequences
-# with exact ground truth and labelled tracks, segments them with the program
-# in each mode and with scikit-image's random walker on the same seeds, and
+# with numpy, scikit-image and the peers' packages (gco-wrapper, pydensecrf2)
+# in .venv-eval/, generates synthetic sequences with exact ground truth and
+# labelled tracks (or clicks), segments them with the program in each mode,
+# with scikit-image's random walker on the same seeds and with a graph cut and
+# a dense CRF on the program's recommended data term (tools/dump_costs), and
 # prints one table of scores and times (also written to eval-out/table.md).
 #
-#     tools/evaluate.sh            the full evaluation (about 10 minutes on 2 cores)
-#     tools/evaluate.sh --tiny     the scorer's checks, then two small sequences,
+#     tools/evaluate.sh            the full evaluation (about 15 minutes on 2 cores)
+#     tools/evaluate.sh --tiny     the scorer's checks, then three small sequences,
 #                                  2 frames, 50 iterations (seconds); needs only
-#                                  numpy (the walker runs when scikit-image is
-#                                  there) and installs nothing when the python3
-#                                  found already has numpy
+#                                  numpy (the walker and the peers run when their
+#                                  packages are there) and installs nothing when
+#                                  the python3 found already has numpy
+#     tools/evaluate.sh --sweep    the peers' parameter sweeps on the full set's
+#                                  sequences instead of the table (eval-out/sweep.md)
 #     tools/evaluate.sh [--tiny] ARGS...   more options for the Python part, e.g.
 #                                  --sequences thin,many  --methods recommended,walker
 #                                  --mode NAME=FILE.cfg
@@ -56,6 +60,14 @@ if [ -z "$python" ]; then
         fi
         # shellcheck disable=SC2086
         .venv-eval/bin/python -c "import $modules" 2>/dev/null || .venv-eval/bin/python -m pip install -q $packages
+        if [ -z "$tiny" ]; then
+            # The peers build from source (about a minute); without them the
+            # evaluation runs and says which peer it left out.
+            .venv-eval/bin/python -c "import gco" 2>/dev/null ||
+                .venv-eval/bin/python -m pip install -q gco-wrapper || echo "gco-wrapper did not install" >&2
+            .venv-eval/bin/python -c "import pydensecrf.densecrf" 2>/dev/null ||
+                .venv-eval/bin/python -m pip install -q pydensecrf2 || echo "pydensecrf2 did not install" >&2
+        fi
         python=$PWD/.venv-eval/bin/python
     fi
 fi

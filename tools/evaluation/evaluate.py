@@ -229,12 +229,12 @@ def sweep(build: Path, out: Path, tiny: bool, only: list[str] | None, peer_names
                 tallies[cls].add(peers.run_peer(folder, costs, method), truth)
             values = [t.row() for t in tallies.values()]
             mean = {k: float(np.mean([v[k] for v in values])) for k in ("miou", "accuracy", "boundary_f", "seconds")}
-            rows.append(f"| {name} | {label} | {mean['miou']:.3f} | {mean['accuracy']:.3f} | "
+            rows.append(f"| {name} | {label} | {mean['miou']:.4f} | {mean['accuracy']:.3f} | "
                         f"{mean['boundary_f']:.3f} | {mean['seconds']:.2f} |")
             print(rows[-1], flush=True)
             if best is None or mean["miou"] > best[1]:
                 best = (label, mean["miou"])
-        rows.append(f"| {name} | **best: {best[0]}** | {best[1]:.3f} | | | |")
+        rows.append(f"| {name} | **best: {best[0]}** | {best[1]:.4f} | | | |")
     text = "\n".join(rows) + f"\n\nmachine: {machine()}; classes: {', '.join(dict.fromkeys(p.scene_class for p in plans))}\n"
     out.mkdir(parents=True, exist_ok=True)
     (out / "sweep.md").write_text(text)
@@ -259,8 +259,8 @@ def main(argv: list[str] | None = None) -> int:
                              "they then run on every sequence (default: all of them, but only recommended and "
                              "walker on the long sequence)")
     parser.add_argument("--sweep", action="store_true",
-                        help="instead of the table, run each peer with every value of its parameter sweep and "
-                             "print the means over all classes (written to sweep.md)")
+                        help="instead of the table, run each peer (or those --methods names) with every value of "
+                             "its parameter sweep and print the means over all classes (written to sweep.md)")
     args = parser.parse_args(argv)
     extra = []
     for item in args.mode:
@@ -281,6 +281,8 @@ def main(argv: list[str] | None = None) -> int:
     only = [n for n in args.sequences.split(",") if n]
     wanted = [n for n in args.methods.split(",") if n]
     if args.sweep:
+        if wanted:
+            peer_names = [n for n in peer_names if peers.FOLDERS[n] in wanted]
         print(sweep(args.build.resolve(), out.resolve(), args.tiny, only, peer_names))
     else:
         print(evaluate(args.build.resolve(), out.resolve(), args.tiny, walker, only, extra, wanted, peer_names))
