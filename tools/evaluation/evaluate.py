@@ -2,8 +2,10 @@
 the results and prints one table (also written as markdown).
 
     python3 -m evaluation.evaluate --build <build folder> [--tiny] [--out DIR]
+    python3 -m evaluation.evaluate --build <build folder> --sweep
 
-(run from tools/; tools/evaluate.sh does all of it, building first).
+(run from tools/; tools/evaluate.sh does all of it, building first).  --sweep
+reruns the sweeps that chose the peers' parameters (see peers.py).
 """
 
 from __future__ import annotations
@@ -134,7 +136,7 @@ def evaluate(build: Path, out: Path, tiny: bool, walker: bool, only: list[str] |
     classes: list[str] = []
     started = time.perf_counter()
     for plan in plans:
-        seq, folder, truth = generate_sequence(plan, frames, textures, out)
+        _, folder, truth = generate_sequence(plan, frames, textures, out)
         if plan.scene_class not in classes:
             classes.append(plan.scene_class)
         chosen = [m for m in methods if methods_wanted or plan.methods is None or m.folder in plan.methods]
