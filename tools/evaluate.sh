@@ -22,7 +22,8 @@
 #                                  (tools/evaluate.sh -- --help lists them)
 #
 # Environment: DENSESEG_BUILD (build folder), EVAL_PYTHON (a python3 to use
-# instead of making .venv-eval/), OMP_WAIT_POLICY (default passive).
+# instead of making .venv-eval/), OMP_WAIT_POLICY (default passive),
+# OPENBLAS_NUM_THREADS (default 1).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -73,6 +74,12 @@ if [ -z "$python" ]; then
 fi
 
 export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
+# One BLAS thread for the Python methods: the random walker's conjugate
+# gradients are vector operations too small to share, and with two OpenBLAS
+# threads on a busy 2-core machine its calls took 10 to 15 times as long
+# (0.9 s against 9 to 15 s on a 320x240 frame).  The program's OpenMP threads
+# are not affected.
+export OPENBLAS_NUM_THREADS=${OPENBLAS_NUM_THREADS:-1}
 if [ -n "$tiny" ]; then
     echo "== scorer checks"
     "$python" tools/evaluation/test_score.py
