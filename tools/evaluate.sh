@@ -8,7 +8,7 @@
 # a dense CRF on the program's recommended data term (tools/dump_costs), and
 # prints one table of scores and times (also written to eval-out/table.md).
 #
-#     tools/evaluate.sh            the full evaluation (about 15 minutes on 2 cores)
+#     tools/evaluate.sh            the full evaluation (about 7 minutes on 2 cores)
 #     tools/evaluate.sh --tiny     the scorer's checks, then three small sequences,
 #                                  2 frames, 50 iterations (seconds); needs only
 #                                  numpy (the walker and the peers run when their
