@@ -1,24 +1,29 @@
 #!/usr/bin/env bash
 # The evaluation, one command: builds the program (host preset) unless
 # DENSESEG_BUILD names a build folder that has it, makes a Python environment
-# with numpy and scikit-image in .venv-eval/, generates synthetic sequences
-# with exact ground truth and labelled tracks, segments them with the program
-# in each mode and with scikit-image's random walker on the same seeds, and
+# with numpy, scikit-image and the peers' packages (gco-wrapper, pydensecrf2)
+# in .venv-eval/, generates synthetic sequences with exact ground truth and
+# labelled tracks (or clicks), segments them with the program in each mode,
+# with scikit-image's random walker on the same seeds and with a graph cut and
+# a dense CRF on the program's recommended data term (tools/dump_costs), and
 # prints one table of scores and times (also written to eval-out/table.md).
 #
-#     tools/evaluate.sh            the full evaluation (about 10 minutes on 2 cores)
-#     tools/evaluate.sh --tiny     the scorer's checks, then two small sequences,
+#     tools/evaluate.sh            the full evaluation (about 7 minutes on 2 cores)
+#     tools/evaluate.sh --tiny     the scorer's checks, then three small sequences,
 #                                  2 frames, 50 iterations (seconds); needs only
-#                                  numpy (the walker runs when scikit-image is
-#                                  there) and installs nothing when the python3
-#                                  found already has numpy
+#                                  numpy (the walker and the peers run when their
+#                                  packages are there) and installs nothing when
+#                                  the python3 found already has numpy
+#     tools/evaluate.sh --sweep    the peers' parameter sweeps on the full set's
+#                                  sequences instead of the table (eval-out/sweep.md)
 #     tools/evaluate.sh [--tiny] ARGS...   more options for the Python part, e.g.
 #                                  --sequences thin,many  --methods recommended,walker
 #                                  --mode NAME=FILE.cfg
 #                                  (tools/evaluate.sh -- --help lists them)
 #
 # Environment: DENSESEG_BUILD (build folder), EVAL_PYTHON (a python3 to use
-# instead of making .venv-eval/), OMP_WAIT_POLICY (default passive).
+# instead of making .venv-eval/), OMP_WAIT_POLICY (default passive),
+# OPENBLAS_NUM_THREADS (default 1).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -38,7 +43,7 @@ else
     vela_build_packages
     echo "== build (host preset)"
     cmake --preset host >/dev/null
-    cmake --build --preset host -j "$(vela_jobs)" --target denseseg dump_seeds >/dev/null
+    cmake --build --preset host -j "$(vela_jobs)" --target denseseg dump_seeds dump_costs >/dev/null
     build=build-host
 fi
 
@@ -56,11 +61,25 @@ if [ -z "$python" ]; then
         fi
         # shellcheck disable=SC2086
         .venv-eval/bin/python -c "import $modules" 2>/dev/null || .venv-eval/bin/python -m pip install -q $packages
+        if [ -z "$tiny" ]; then
+            # The peers build from source (about a minute); without them the
+            # evaluation runs and says which peer it left out.
+            .venv-eval/bin/python -c "import gco" 2>/dev/null ||
+                .venv-eval/bin/python -m pip install -q gco-wrapper || echo "gco-wrapper did not install" >&2
+            .venv-eval/bin/python -c "import pydensecrf.densecrf" 2>/dev/null ||
+                .venv-eval/bin/python -m pip install -q pydensecrf2 || echo "pydensecrf2 did not install" >&2
+        fi
         python=$PWD/.venv-eval/bin/python
     fi
 fi
 
 export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
+# One BLAS thread for the Python methods: the random walker's conjugate
+# gradients are vector operations too small to share, and with two OpenBLAS
+# threads on a busy 2-core machine its calls took 10 to 15 times as long
+# (0.9 s against 9 to 15 s on a 320x240 frame).  The program's OpenMP threads
+# are not affected.
+export OPENBLAS_NUM_THREADS=${OPENBLAS_NUM_THREADS:-1}
 if [ -n "$tiny" ]; then
     echo "== scorer checks"
     "$python" tools/evaluation/test_score.py

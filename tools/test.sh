@@ -3,7 +3,7 @@
 #   1. the release build, which also compiles and links the cuda backend when
 #      the CUDA toolkit is present, and its tests (on the GPU if there is one,
 #      otherwise on the host backend), and a tiny run of the evaluation
-#      (tools/evaluate.sh --tiny: its scorer checks and two small sequences);
+#      (tools/evaluate.sh --tiny: its scorer checks and three small sequences);
 #   2. the Python package, installed with pip into a fresh virtual
 #      environment (host backend only, to keep this step short), and its tests,
 #      which compare it with the program of step 1;
@@ -29,7 +29,7 @@ cmake --preset default -DVELA_CUDA=$cuda >/dev/null
 cmake --build --preset default -j "$(vela_jobs)"
 ctest --preset default -j "$(vela_jobs)"
 
-echo "== evaluation, tiny version (its scorer checks and two small sequences)"
+echo "== evaluation, tiny version (its scorer checks and three small sequences)"
 DENSESEG_BUILD=build tools/evaluate.sh --tiny
 # The evaluation's own tests, now that its Python environment exists.
 cmake --preset default -DVELA_CUDA=$cuda >/dev/null

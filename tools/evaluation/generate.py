@@ -10,7 +10,11 @@ grid about 10 px apart that follow their object while it is visible and end
 when it is hidden or leaves the frame; new tracks start where the grid has no
 track.  Positions are a little noisy, so points near a boundary sometimes sit
 on the wrong side, and a few per cent of the tracks carry a wrong label (another
-label of the scene).
+label of the scene; the share is a parameter of each sequence's plan).
+
+The "clicks" sequences have no tracks but clicks, as a person gives them: in
+every frame, 1 to 3 points per visible label, each well inside its label's
+region (tracks of length 1, all correctly labelled).
 
 Everything comes from fixed seeds, so the same sequences are made every time.
 """
@@ -23,14 +27,19 @@ from typing import Callable
 
 import numpy as np
 
-from . import pnm
+from . import pnm, score
 
-# Tracks with a wrong label, as a fraction of all tracks.
+# Tracks with a wrong label, as a fraction of all tracks (the default of a plan).
 WRONG_LABEL_FRACTION = 0.025
 # Standard deviation of a track point's position error, in pixels.
 POSITION_NOISE = 0.6
 # Spacing of the track grid, in pixels.
 TRACK_SPACING = 10.0
+# Clicks per label and frame, and how far inside its region a click lies: every
+# pixel within CLICK_MARGIN px (Chebyshev distance) of a click has the click's
+# label, where the region allows it.
+CLICKS_PER_LABEL = (1, 3)
+CLICK_MARGIN = 5
 
 # Photographs that scikit-image ships inside its package (no download).
 PHOTOS = ("astronaut", "coffee", "chelsea", "rocket", "camera", "brick", "grass", "gravel")
@@ -148,6 +157,19 @@ def wire(length: float, width: float, angle: float, amplitude: float, period: fl
     return mask
 
 
+def fence(length: float, width: float, angle: float, bars: int, spacing: float) -> Shape:
+    """`bars` parallel bars of the given length and width, `spacing` px apart
+    (centre to centre), across the direction `angle`."""
+    c, s = np.cos(angle), np.sin(angle)
+    half = (bars - 1) / 2
+
+    def mask(X, Y):
+        u, v = c * X + s * Y, -s * X + c * Y
+        k = np.clip(np.rint(v / spacing + half), 0, bars - 1) - half
+        return (np.abs(u) <= length / 2) & (np.abs(v - k * spacing) <= width / 2)
+    return mask
+
+
 # --- scenes -------------------------------------------------------------------
 
 @dataclasses.dataclass
@@ -177,6 +199,8 @@ class Sequence:
     background: np.ndarray  # H x W x 3, static
     objects: list[SceneObject]
     seed: int
+    wrong_fraction: float = WRONG_LABEL_FRACTION
+    clicks: bool = False
 
     def render(self, t: int) -> tuple[np.ndarray, np.ndarray]:
         """Frame t as uint8 RGB and its ground-truth label image."""
@@ -233,6 +257,34 @@ def thin_structures(tex: Textures, rng, w, h) -> tuple[np.ndarray, list[SceneObj
     return background, objects
 
 
+def thin_on_grass(tex: Textures, rng, w, h) -> tuple[np.ndarray, list[SceneObject]]:
+    """Bars, wires, a ring and a fence of parallel bars, 2-4 px wide, on a
+    busy grass texture with its contrast stretched."""
+    background = tex.photo(rng, h, w, name="grass" if tex.photos else None, tint=random_tint(rng, 0.3))
+    background = np.clip(128 + 1.8 * (background - background.mean()), 0, 255)
+    objects = []
+    photos = ["astronaut", "coffee", "chelsea", "rocket"]
+    side = min(w, h)
+    for i, kind in enumerate(("bar", "wire", "ring", "fence", "bar", "wire")):
+        width = float(rng.uniform(2.0, 4.0))
+        angle = float(rng.uniform(0, np.pi))
+        if kind == "bar":
+            shape = bar(float(rng.uniform(0.5, 0.8)) * side, width, angle)
+        elif kind == "ring":
+            shape = ring(float(rng.uniform(0.12, 0.2)) * side, width)
+        elif kind == "wire":
+            shape = wire(float(rng.uniform(0.6, 0.9)) * side, width, angle,
+                         amplitude=float(rng.uniform(4, 12)), period=float(rng.uniform(30, 70)))
+        else:
+            shape = fence(float(rng.uniform(0.3, 0.45)) * side, width, angle, bars=int(rng.integers(4, 7)),
+                          spacing=float(rng.uniform(9, 14)))
+        texture = tex.photo(rng, h, w, name=photos[i % len(photos)] if tex.photos else None,
+                            tint=random_tint(rng, 0.4))
+        objects.append(SceneObject(i + 1, shape, texture, _centre(rng, w, h, 0.25 * side),
+                                   _velocity(rng, 2), depth=float(rng.random())))
+    return background, objects
+
+
 def low_contrast(tex: Textures, rng, w, h) -> tuple[np.ndarray, list[SceneObject]]:
     """Objects cut from the same kind of texture as the background, told apart
     only by a colour gain of about 7 %."""
@@ -285,8 +337,11 @@ def entering_leaving(tex: Textures, rng, w, h) -> tuple[np.ndarray, list[SceneOb
     return background, objects
 
 
-def ordinary(tex: Textures, rng, w, h, count: int | None = None) -> tuple[np.ndarray, list[SceneObject]]:
-    """3 to 8 large textured objects that move and hide each other."""
+def ordinary(tex: Textures, rng, w, h, count: int | None = None,
+             speed: int | None = None) -> tuple[np.ndarray, list[SceneObject]]:
+    """3 to 8 large textured objects that move and hide each other, at most
+    `speed` px per frame along each axis (default: a hundredth of the width,
+    at least 2)."""
     background = tex.photo(rng, h, w, tint=random_tint(rng, 0.3))
     count = count or int(rng.integers(3, 9))
     objects = []
@@ -301,7 +356,7 @@ def ordinary(tex: Textures, rng, w, h, count: int | None = None) -> tuple[np.nda
             shape = blob(r, rng)
         texture = tex.photo(rng, h, w, tint=random_tint(rng, 0.5))
         objects.append(SceneObject(i + 1, shape, texture, _centre(rng, w, h, r),
-                                   _velocity(rng, max(2, w // 100)), depth=float(rng.random())))
+                                   _velocity(rng, speed or max(2, w // 100)), depth=float(rng.random())))
     return background, objects
 
 
@@ -316,15 +371,25 @@ class SequencePlan:
     height: int
     seed: int
     kwargs: dict = dataclasses.field(default_factory=dict)
+    frames: int | None = None  # None: the set's frame count
+    wrong_fraction: float = WRONG_LABEL_FRACTION  # of the tracks
+    clicks: bool = False  # clicks instead of tracks
+    # The methods (result folder names, see run.py) that run on the sequence
+    # unless --methods names them; None for all.
+    methods: tuple[str, ...] | None = None
 
 
 # The scene class of the 640 x 480 sequence that the timing line reports.
 TIMING_CLASS = "ordinary 640x480"
+# The long sequence: the program's recommended mode and the random walker only,
+# so that the whole evaluation stays within minutes.
+LONG_METHODS = ("recommended", "walker")
 
 
 def full_set(frames: int = 3) -> tuple[list[SequencePlan], int]:
     plans = [
         SequencePlan("thin", "thin structures", thin_structures, 320, 240, 101),
+        SequencePlan("thin2", "thin structures", thin_on_grass, 320, 240, 109, wrong_fraction=0.0),
         SequencePlan("lowcontrast", "low contrast", low_contrast, 320, 240, 102),
         SequencePlan("many", "24 small objects", many_objects, 320, 240, 103),
         SequencePlan("entering", "entering/leaving", entering_leaving, 320, 240, 104),
@@ -332,6 +397,10 @@ def full_set(frames: int = 3) -> tuple[list[SequencePlan], int]:
         SequencePlan("ordinary2", "ordinary", ordinary, 320, 240, 106),
         SequencePlan("oddsize", "odd size 317x239", ordinary, 317, 239, 107),
         SequencePlan("large", TIMING_CLASS, ordinary, 640, 480, 108, {"count": 5}),
+        SequencePlan("clicks", "clicks", ordinary, 320, 240, 110, {"count": 5}, wrong_fraction=0.0, clicks=True),
+        SequencePlan("wrong", "wrong tracks 5 %", ordinary, 320, 240, 111, {"count": 8}, wrong_fraction=0.05),
+        SequencePlan("long", "long 640x480", ordinary, 640, 480, 112, {"count": 5, "speed": 3}, frames=20,
+                     methods=LONG_METHODS),
     ]
     return plans, frames
 
@@ -340,15 +409,18 @@ def tiny_set() -> tuple[list[SequencePlan], int]:
     plans = [
         SequencePlan("thin", "thin structures", thin_structures, 96, 72, 201),
         SequencePlan("ordinary", "ordinary", ordinary, 97, 71, 202, {"count": 3}),
+        SequencePlan("clicks", "clicks", ordinary, 80, 60, 203, {"count": 4}, wrong_fraction=0.0, clicks=True),
     ]
     return plans, 2
 
 
 def build(plan: SequencePlan, frames: int, textures: Textures) -> Sequence:
+    """The sequence of a plan; `frames` unless the plan sets its own count."""
     rng = np.random.default_rng(plan.seed)
     background, objects = plan.builder(textures, rng, plan.width, plan.height, **plan.kwargs)
     assert all(o.label < 100 for o in objects), "label numbers must stay below 100"
-    return Sequence(plan.name, plan.scene_class, plan.width, plan.height, frames, background, objects, plan.seed)
+    return Sequence(plan.name, plan.scene_class, plan.width, plan.height, plan.frames or frames, background, objects,
+                    plan.seed, plan.wrong_fraction, plan.clicks)
 
 
 # --- tracks --------------------------------------------------------------------
@@ -360,7 +432,8 @@ class Track:
 
 
 def make_tracks(seq: Sequence, truths: list[np.ndarray]) -> list[Track]:
-    """Tracks on a jittered grid that follow their object while it is visible."""
+    """Tracks on a jittered grid that follow their object while it is visible;
+    a share seq.wrong_fraction of them carries a wrong label."""
     rng = np.random.default_rng(seq.seed + 7919)
     h, w = seq.height, seq.width
     gy, gx = np.mgrid[TRACK_SPACING / 2:h:TRACK_SPACING, TRACK_SPACING / 2:w:TRACK_SPACING]
@@ -393,9 +466,41 @@ def make_tracks(seq: Sequence, truths: list[np.ndarray]) -> list[Track]:
 
     labels = sorted({0} | {o.label for o in seq.objects})
     for track in tracks:
-        if rng.random() < WRONG_LABEL_FRACTION:
+        if rng.random() < seq.wrong_fraction:
             track.label = int(rng.choice([l for l in labels if l != track.label]))
     return tracks
+
+
+def interior(mask: np.ndarray, margin: int) -> np.ndarray:
+    """The pixels of `mask` whose (2 * margin + 1)-pixel square lies wholly in
+    the mask; outside the image counts as outside the mask."""
+    padded = np.pad(mask, margin, constant_values=False)
+    inner = ~score.dilate(~padded, margin)
+    return inner[margin:margin + mask.shape[0], margin:margin + mask.shape[1]]
+
+
+def make_clicks(seq: Sequence, truths: list[np.ndarray]) -> list[Track]:
+    """Clicks as a person places them, new in every frame: 1 to 3 per label
+    present in the frame, at random among the pixels at least CLICK_MARGIN px
+    inside the label's region (nearer its boundary only where the region has
+    no such pixel).  Each click is a track of length 1 at a random position
+    within its pixel."""
+    rng = np.random.default_rng(seq.seed + 104729)
+    clicks: list[Track] = []
+    for t, truth in enumerate(truths):
+        for label in np.unique(truth):
+            region = truth == label
+            for margin in range(CLICK_MARGIN, -1, -1):
+                candidates = np.argwhere(interior(region, margin))
+                if len(candidates):
+                    break
+            count = int(rng.integers(CLICKS_PER_LABEL[0], CLICKS_PER_LABEL[1] + 1))
+            chosen = rng.choice(len(candidates), size=min(count, len(candidates)), replace=False)
+            for y, x in candidates[np.sort(chosen)]:
+                # Strictly inside the pixel: the track reader refuses x = 0 and y = 0.
+                fx, fy = rng.uniform(0.1, 0.9, size=2)
+                clicks.append(Track(int(label), [(x + fx, y + fy, t)]))
+    return clicks
 
 
 def _observe(rng: np.random.Generator, x: float, y: float, t: int) -> tuple[float, float, int]:
@@ -422,4 +527,5 @@ def write_sequence(seq: Sequence, folder: Path) -> None:
         pnm.write(folder / "frames" / f"frame_{t:03d}.ppm", image)
         truths.append(truth)
     np.save(folder / "truth.npy", np.stack(truths))
-    write_tracks(folder / "tracks.dat", seq.frames, make_tracks(seq, truths))
+    tracks = make_clicks(seq, truths) if seq.clicks else make_tracks(seq, truths)
+    write_tracks(folder / "tracks.dat", seq.frames, tracks)

@@ -1,7 +1,8 @@
 """Runs the methods on a generated sequence: the program in each of its modes,
 in whole-folder mode as a user runs it, and the random walker of scikit-image
-on exactly the seeds the program reads.  Each run yields predicted label
-images (object numbers) and its seconds per frame."""
+on exactly the seeds the program reads (the peers on the program's data term
+are in peers.py).  Each run yields predicted label images (object numbers) and
+its seconds per frame."""
 
 from __future__ import annotations
 
@@ -76,14 +77,15 @@ class RunResult:
 
 
 class Tools:
-    """The built programs: the segmentation tool and dump_seeds."""
+    """The built programs: the segmentation tool, dump_seeds and dump_costs."""
 
     def __init__(self, build: Path):
         self.denseseg = build / "src" / "denseseg"
         self.dump_seeds = build / "tools" / "dump_seeds"
-        for exe in (self.denseseg, self.dump_seeds):
+        self.dump_costs = build / "tools" / "dump_costs"
+        for exe in (self.denseseg, self.dump_seeds, self.dump_costs):
             if not exe.exists():
-                raise FileNotFoundError(f"{exe} is missing: build the targets denseseg and dump_seeds")
+                raise FileNotFoundError(f"{exe} is missing: build the targets denseseg, dump_seeds and dump_costs")
         out = subprocess.run([str(self.dump_seeds), "palette"], check=True, capture_output=True, text=True).stdout
         self.palette = np.array([[int(v) for v in line.split()] for line in out.splitlines()], dtype=np.int64)
 

@@ -22,6 +22,8 @@ class FrameScore:
     miou: float
     accuracy: float
     boundary_f: float
+    labels: int = 0  # labels present in the truth
+    labels_lost: int = 0  # of those, the ones without any pixel in the prediction
 
 
 def mean_iou(pred: np.ndarray, truth: np.ndarray) -> float:
@@ -31,6 +33,24 @@ def mean_iou(pred: np.ndarray, truth: np.ndarray) -> float:
         p, t = pred == label, truth == label
         ious.append(np.count_nonzero(p & t) / np.count_nonzero(p | t))
     return float(np.mean(ious))
+
+
+def labels_lost(pred: np.ndarray, truth: np.ndarray) -> int:
+    """How many labels of the truth the prediction gives no pixel at all."""
+    return len(set(np.unique(truth).tolist()) - set(np.unique(pred).tolist()))
+
+
+def flicker(preds: list[np.ndarray], truths: list[np.ndarray]) -> tuple[int, int]:
+    """Label changes where the truth stays: over every pair of consecutive
+    frames, (pixels whose predicted label changes while the true one does not,
+    pixels whose true label does not change).  Their quotient is the share of
+    flickering pixels; pixels where the truth changes are left out."""
+    changed = stable = 0
+    for t in range(len(truths) - 1):
+        same = truths[t] == truths[t + 1]
+        stable += int(np.count_nonzero(same))
+        changed += int(np.count_nonzero(same & (preds[t] != preds[t + 1])))
+    return changed, stable
 
 
 def pixel_accuracy(pred: np.ndarray, truth: np.ndarray) -> float:
@@ -79,7 +99,8 @@ def score_frame(pred: np.ndarray, truth: np.ndarray) -> FrameScore:
         raise ValueError(f"prediction has shape {pred.shape}, the truth {truth.shape}")
     pred = pred.astype(np.int32)
     truth = truth.astype(np.int32)
-    return FrameScore(mean_iou(pred, truth), pixel_accuracy(pred, truth), boundary_f(pred, truth))
+    return FrameScore(mean_iou(pred, truth), pixel_accuracy(pred, truth), boundary_f(pred, truth),
+                      len(np.unique(truth)), labels_lost(pred, truth))
 
 
 def decode_colours(image: np.ndarray, palette: np.ndarray) -> np.ndarray:

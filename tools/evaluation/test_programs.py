@@ -1,11 +1,11 @@
 """Checks of the evaluation's window into the program: the seeds dump_seeds
-writes, and the decoding of the program's colour-coded results back to track
-label numbers.
+writes, the cost maps dump_costs writes, and the decoding of the program's
+colour-coded results back to track label numbers.
 
     DENSESEG_BUILD=build-host python3 tools/evaluation/test_programs.py
 
 Exits with 77 (skipped, for ctest) when numpy is not installed or the build
-folder lacks denseseg or dump_seeds.
+folder lacks denseseg, dump_seeds or dump_costs.
 """
 
 import os
@@ -21,7 +21,7 @@ except ImportError:
     sys.exit(77)
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from evaluation import generate, pnm, run  # noqa: E402
+from evaluation import generate, peers, pnm, run  # noqa: E402
 
 BUILD = Path(os.environ.get("DENSESEG_BUILD", "build-host")).resolve()
 try:
@@ -51,6 +51,68 @@ class SeedsTest(unittest.TestCase):
     def test_palette_has_a_distinct_colour_per_label_number(self):
         self.assertEqual(TOOLS.palette.shape, (100, 3))
         self.assertEqual(len({tuple(c) for c in TOOLS.palette}), 100)
+
+
+class CostsTest(unittest.TestCase):
+    def dump(self, folder: Path, config_lines: list[str], frame: int = 0):
+        config = folder / "c.cfg"
+        config.write_text("\n".join(config_lines) + "\n")
+        return peers.dump_costs(TOOLS, config, folder / "tracks.dat", frame, folder / "f.ppm", folder / "c.npy")
+
+    def test_seed_term_by_hand_and_file_layout(self):
+        w, h = 5, 4
+        with tempfile.TemporaryDirectory() as d:
+            folder = Path(d)
+            pnm.write(folder / "f.ppm", np.random.default_rng(1).integers(0, 256, (h, w, 3), dtype=np.uint8))
+            tracks = [
+                generate.Track(42, [(1.5, 2.2, 0), (3.0, 3.0, 1)]),
+                generate.Track(7, [(4.9, 0.5, 0), (2.9, 3.1, 0)]),
+                generate.Track(42, [(3.5, 0.7, 0)]),
+                generate.Track(9, [(2.2, 3.9, 0)]),  # the same pixel as the point before: the later one wins
+            ]
+            generate.write_tracks(folder / "tracks.dat", 2, tracks)
+            # The original keys only: the seed term.
+            fc = self.dump(folder, ["f lambda 100", "i maxiter 10"])
+            raw = (folder / "c.npy").read_bytes()
+            empty = self.dump(folder, ["f lambda 100"], frame=2)  # past the file's frames
+        self.assertEqual(fc.label_ids, [42, 7, 9])  # in the order first met
+        self.assertGreaterEqual(fc.seconds, 0.0)
+        # Index k costs 0 at its own seeds and 1 at the other labels' seeds.
+        seeded = {(2, 1): 0, (0, 4): 1, (3, 2): 2, (0, 3): 0}  # (row, column): index
+        expected = np.zeros((3, h, w), dtype=np.float32)
+        for (y, x), k in seeded.items():
+            expected[:, y, x] = 1.0
+            expected[k, y, x] = 0.0
+        self.assertEqual(fc.costs.dtype, np.float32)
+        np.testing.assert_array_equal(fc.costs, expected)
+        # Version 1.0, a header padded to 64 bytes, then the L x H x W floats in C order.
+        self.assertEqual(raw[:8], b"\x93NUMPY\x01\x00")
+        length = int.from_bytes(raw[8:10], "little")
+        self.assertEqual((10 + length) % 64, 0)
+        self.assertIn(b"'shape': (3, 4, 5)", raw[10:10 + length])
+        np.testing.assert_array_equal(np.frombuffer(raw[10 + length:], dtype="<f4").reshape(3, h, w), expected)
+        self.assertEqual((empty.costs.shape, empty.label_ids, empty.seconds), ((0, h, w), [], 0.0))
+
+    def test_recommended_term_reaches_every_pixel(self):
+        w, h = 24, 16
+        image = np.zeros((h, w, 3), dtype=np.uint8)
+        image[:, 12:] = 200
+        with tempfile.TemporaryDirectory() as d:
+            folder = Path(d)
+            pnm.write(folder / "f.ppm", image)
+            # A few seeds per half, so that the seed check keeps them.
+            generate.write_tracks(folder / "tracks.dat", 1,
+                                  [generate.Track(label, [(x, y + 0.5, 0)])
+                                   for y in range(2, 14, 3) for label, x in ((3, 4.5), (5, 19.5))])
+            fc = self.dump(folder, run.recommended_mode(Path(__file__).resolve().parents[2]).lines)
+        self.assertEqual(fc.label_ids, [3, 5])
+        # Unseeded pixels get costs from the image: each half is cheapest for
+        # the label seeded in it; costs stay within the seed term's 1 plus the
+        # walker term's 1 (a probability the solver's tolerance takes a little
+        # past 1 costs a little below 0).
+        np.testing.assert_array_equal(np.argmin(fc.costs, axis=0), (np.arange(w) >= 12)[None, :].repeat(h, 0))
+        self.assertLessEqual(float(fc.costs.max()), 2.0)
+        self.assertGreater(float(fc.costs.min()), -0.01)
 
 
 class ProgramRunTest(unittest.TestCase):

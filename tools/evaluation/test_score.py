@@ -80,6 +80,41 @@ class MetricsTest(unittest.TestCase):
             score.score_frame(np.zeros((3, 4)), np.zeros((4, 3)))
 
 
+class LabelsLostTest(unittest.TestCase):
+    def test_counts_true_labels_without_any_predicted_pixel(self):
+        truth = halves(10, 4, 5)
+        truth[:, 8:] = 2
+        pred = np.full_like(truth, 7)  # a label the truth lacks does not help
+        pred[0, 0] = 2  # one pixel anywhere keeps a label
+        self.assertEqual(score.labels_lost(pred, truth), 2)
+        s = score.score_frame(pred, truth)
+        self.assertEqual((s.labels, s.labels_lost), (3, 2))
+        self.assertEqual(score.labels_lost(truth, truth), 0)
+
+
+class FlickerTest(unittest.TestCase):
+    def test_counts_changes_only_where_the_truth_stays(self):
+        # Pixel (1, 1) holds label 2 in frame 1 only: the truth changes there
+        # in both pairs of frames, so whatever is predicted there is left out.
+        truths = [np.zeros((4, 5), dtype=np.int32) for _ in range(3)]
+        truths[1][1, 1] = 2
+        preds = [t.copy() for t in truths]
+        preds[1][1, 1] = 5
+        preds[0][1, 1] = 3
+        preds[2][3, 4] = 1  # a stable pixel flips between frames 1 and 2
+        self.assertEqual(score.flicker(preds, truths), (1, 2 * 19))
+        # A wrong label that lasts one frame flickers twice: in and out.
+        preds[1][0, 0] = 4
+        self.assertEqual(score.flicker(preds, truths), (3, 2 * 19))
+
+    def test_a_steady_prediction_does_not_flicker_and_one_frame_has_no_pairs(self):
+        truth = halves(5, 5, 2)
+        self.assertEqual(score.flicker([truth, truth.copy()], [truth, truth]), (0, 25))
+        # A prediction that is wrong but the same in every frame does not flicker.
+        self.assertEqual(score.flicker([truth * 0, truth * 0], [truth, truth]), (0, 25))
+        self.assertEqual(score.flicker([truth], [truth]), (0, 0))
+
+
 class DecodeTest(unittest.TestCase):
     def test_colours_decode_to_palette_positions(self):
         palette = np.array([[255, 10, 10], [0, 0, 255], [1, 2, 3], [200, 190, 0]])
