@@ -59,6 +59,12 @@ class PDseg : public ImgSeg {
     // (checked every few iterations; 0 runs all nIterations).  Model 2 keeps
     // no over-relaxed field to measure and always runs all of them.
     float tolerance = 0.0f;
+    // With a radius > 0, run() first smooths a copy of the cost map along the
+    // image's colours (seg::guidedFilter, windows of this radius, colour
+    // variances below filterEpsilon taken as noise) and iterates on that; the
+    // member costMap is left as it is.
+    int filterRadius = 0;
+    float filterEpsilon = 1e-4f;
     // The iterations the last run() took.
     int iterationsDone = 0;
 

@@ -9,6 +9,7 @@
 #include "src/engine_arrays.h"
 #include "src/solver/edge_weights.h"
 #include "src/solver/grid.h"
+#include "src/solver/guided_filter.h"
 #include "src/solver/host_sweeps.h"
 #include "src/solver/ops.h"
 #include "src/solver/steps.h"
@@ -435,6 +436,14 @@ void PDseg::run() {
     const float stepTau = tau, stepSigma = sigma, weight = lambda;
     const float n = static_cast<float>(nIterations);
 
+    // The costs the iteration reads: the member's, or their smoothed copy.
+    seg::ScopedArray<float, 3> filtered;
+    if (filterRadius > 0) {
+        filtered.a = seg::deviceArray3D<float>(W, H, static_cast<unsigned int>(L));
+        seg::guidedFilter(filtered.a, costMap, scaled.a, filterRadius, filterEpsilon);
+    }
+    const vela::Array<float, 3>& costs = filterRadius > 0 ? filtered.a : costMap;
+
     switch (model) {
         case TV:
             // Unweighted; g stays 1 for whoever reads the member.  The dual step
@@ -442,7 +451,7 @@ void PDseg::run() {
             fill(g, 1.0f);
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
             iterationsDone = iterate(n, tolerance, u, ubar.a,
-                                     [&] { seg::tv_iteration(p.a, u, ubar.a, costMap, stepSigma, stepTau, weight); });
+                                     [&] { seg::tv_iteration(p.a, u, ubar.a, costs, stepSigma, stepTau, weight); });
             break;
         case WEIGHTED_TV:
         case WEIGHTED_TV_FAST:
@@ -454,7 +463,7 @@ void PDseg::run() {
                 fill(g, 1.0f);
                 vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
                 iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
-                    seg::aniso_exp_iteration(p.a, u, ubar.a, costMap, D.a, stepSigma, stepTau, weight);
+                    seg::aniso_exp_iteration(p.a, u, ubar.a, costs, D.a, stepSigma, stepTau, weight);
                 });
                 break;
             }
@@ -467,12 +476,12 @@ void PDseg::run() {
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
             if (model == WEIGHTED_TV) {
                 iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
-                    seg::weighted_tv_iteration(p.a, u, ubar.a, costMap, g, stepSigma, stepTau, weight);
+                    seg::weighted_tv_iteration(p.a, u, ubar.a, costs, g, stepSigma, stepTau, weight);
                 });
             } else {
                 // No over-relaxed field to measure: every iteration runs.
                 iterationsDone = iterate(n, 0.0f, u, ubar.a,
-                                         [&] { seg::update_fast(u, costMap, p.a, g, stepTau, stepSigma, weight); });
+                                         [&] { seg::update_fast(u, costs, p.a, g, stepTau, stepSigma, weight); });
             }
             break;
         case ANISOTROPIC_TV: {
@@ -483,7 +492,7 @@ void PDseg::run() {
             seg::compute_Diffusion_tensor(D.a, scaled.a, g);
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
             iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
-                seg::aniso_iteration(p.a, u, ubar.a, costMap, D.a, g, stepSigma, stepTau, weight);
+                seg::aniso_iteration(p.a, u, ubar.a, costs, D.a, g, stepSigma, stepTau, weight);
             });
             break;
         }
@@ -496,7 +505,7 @@ void PDseg::run() {
             fill(g, 1.0f);  // this model has no edge weights
             vela::_CHECK_CUDA_ERROR(kSource, kLineAfterWeights);
             iterationsDone = iterate(n, tolerance, u, ubar.a, [&] {
-                seg::aniso_exp_iteration(p.a, u, ubar.a, costMap, D.a, stepSigma, stepTau, weight);
+                seg::aniso_exp_iteration(p.a, u, ubar.a, costs, D.a, stepSigma, stepTau, weight);
             });
             break;
         }
