@@ -37,6 +37,12 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
         }
         seeds = &checked.a;
     }
+    if (settings.lambdaSeedDensity > 0.0f && numLabels > 0) {
+        const double share = static_cast<double>(countSeeds(*seeds, static_cast<unsigned int>(numLabels))) /
+                             (static_cast<double>(labels.extents.x) * labels.extents.y);
+        if (share < settings.lambdaSeedDensity)
+            seg.lambda = static_cast<float>(seg.lambda * std::sqrt(share / settings.lambdaSeedDensity));
+    }
     seg.labelsToCostMap(*seeds, numLabels);
     if (settings.dataTerm == DataTerm::WALKER) addWalkerCost(seg, *seeds, settings);
     if (settings.colourWeight > 0.0f && numLabels > 0) {
@@ -53,6 +59,8 @@ void applySolverSettings(PDseg& seg, const SegmentationSettings& settings) {
     seg.alpha = settings.alpha;
     seg.edgeWeights = settings.edgeWeights == EdgeWeights::CONTRAST ? PDseg::CONTRAST_EDGES : PDseg::MODEL_WEIGHTS;
     seg.tolerance = settings.solverTolerance;
+    seg.filterRadius = settings.costFilterRadius;
+    seg.filterEpsilon = settings.costFilterEpsilon;
 }
 
 void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {

@@ -91,7 +91,10 @@ bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings,
                     readFloatKey(config, "seedCheckBeta", 0.0f, 1e6f, s.seedCheckBeta, error) &&
                     readFloatKey(config, "seedCheckFit", 0.0f, 1.0f, s.seedCheckFit, error) &&
                     readFloatKey(config, "solverTolerance", 0.0f, 1.0f, s.solverTolerance, error) &&
-                    readFloatKey(config, "colourWeight", 0.0f, 1e6f, s.colourWeight, error);
+                    readFloatKey(config, "colourWeight", 0.0f, 1e6f, s.colourWeight, error) &&
+                    readFloatKey(config, "lambdaSeedDensity", 0.0f, 1.0f, s.lambdaSeedDensity, error) &&
+                    readIntKey(config, "costFilterRadius", 0, 100, s.costFilterRadius, error) &&
+                    readFloatKey(config, "costFilterEpsilon", 1e-8f, 1.0f, s.costFilterEpsilon, error);
     if (!ok) return false;
     if (s.edgeWeights == EdgeWeights::CONTRAST && s.model != 1)
         return refuse(config["edgeWeights"], "\"s edgeWeights contrast\" with model 1 (\"i model 1\")", error);

@@ -38,6 +38,10 @@ struct SegmentationSettings {
     float alpha = 0.5f;   // "alpha": parameter of the exponential diffusivity
     EdgeWeights edgeWeights = EdgeWeights::DIFFUSIVITY;  // "edgeWeights": "diffusivity" or "contrast" (model 1)
     float solverTolerance = 0.0f;  // "solverTolerance": stop once an iteration moves the labelling less (0: never)
+    // The cost map smoothed along the image's colours before the iteration
+    // (src/solver/guided_filter.h).
+    int costFilterRadius = 0;             // "costFilterRadius": window radius in pixels (0: off)
+    float costFilterEpsilon = 1e-4f;      // "costFilterEpsilon": colour variance (channels in [0, 1]) taken as noise
     DataTerm dataTerm = DataTerm::SEEDS;  // "dataTerm": "seeds" or "walker"
     float dataWeight = 1.0f;              // "dataWeight": weight of the walker cost against the seed cost
     float walkerBeta = 500.0f;            // "walkerBeta": how sharply colour edges cut the walker's graph
@@ -55,6 +59,11 @@ struct SegmentationSettings {
     // The labels' colours learned from the frame's seeds (src/dataterms/colour_model.h)
     // as a further cost, weighted by how well they tell the labels apart at the seeds.
     float colourWeight = 0.0f;  // "colourWeight": its weight where colour separates the labels well (0: off)
+    // "lambdaSeedDensity": where fewer than this share of a frame's pixels are
+    // seeds (a few clicks rather than tracks), lambda shrinks with the square
+    // root of their share: the data term then guesses far from any evidence,
+    // and the boundary length deserves more say (0: lambda as given).
+    float lambdaSeedDensity = 0.0f;
 };
 
 // Reads the settings from `config` into `settings`.  False, with `error`

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "src/block_sums.h"
 #include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
 #include "vela/algorithms/basic.h"
@@ -54,6 +55,16 @@ struct checkSeeds_kernel {
         // Without a fit array the vote alone decides.
         const bool misfit = fit.data == nullptr || vela::at(fit, x, y) < minFit;
         if (outvoted && misfit) vela::at(checked, x, y) = -1.0f;
+    }
+};
+
+// 1 at a seed, for the frame's sum.
+struct SeedIndicator {
+    static constexpr int N = 1;
+    vela::Array<float, 2> labels;
+    unsigned int nLabels;
+    VELA_HD void operator()(unsigned int x, unsigned int y, unsigned int, float* values) const {
+        values[0] = seg::seedOf(labels, x, y, nLabels) >= 0 ? 1.0f : 0.0f;
     }
 };
 
@@ -124,4 +135,10 @@ vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela
                                  unsigned int nLabels, int radius, float minShare, float colourScale,
                                  const vela::Array<float, 2>& fit, float minFit) {
     return check(image, labels, nLabels, radius, minShare, colourScale, fit, minFit);
+}
+
+unsigned long long countSeeds(const vela::Array<float, 2>& labels, unsigned int nLabels) {
+    if (labels.extents.x == 0 || labels.extents.y == 0) return 0;
+    const double n = seg::pixelSums(SeedIndicator{labels, nLabels}, labels.extents.x, labels.extents.y).of[0][0];
+    return static_cast<unsigned long long>(n + 0.5);
 }

@@ -24,3 +24,6 @@ vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela
 vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
                                  unsigned int nLabels, int radius, float minShare, float colourScale,
                                  const vela::Array<float, 2>& fit, float minFit);
+
+// The seeds of a device label array: pixels holding a label index below nLabels.
+unsigned long long countSeeds(const vela::Array<float, 2>& labels, unsigned int nLabels);
