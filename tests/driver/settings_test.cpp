@@ -33,14 +33,16 @@ TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
         read("f lambda 100\ni maxiter 500\ni model 4\ni diffusivity 1\nf alpha 2\ns dataTerm walker\n"
              "f dataWeight 1.5\nf walkerBeta 250\ni walkerIterations 30\nf walkerTolerance 0.01\n"
              "i seedCheckRadius 12\nf seedCheckShare 0.5\nf seedCheckBeta 20\n"
-             "f seedCheckFit 0.4\nf colourWeight 1.5\nf solverTolerance 0.001\n",
+             "f seedCheckFit 0.4\nf colourWeight 1.5\nf solverTolerance 0.001\ni costFilterRadius 6\n"
+             "f costFilterEpsilon 0.01\nf lambdaSeedDensity 0.003\n",
              s, error))
         << error;
     EXPECT_TRUE(s.lambda == 100.0f && s.maxiter == 500 && s.model == 4 && s.diffusivity == 1 && s.alpha == 2.0f &&
                 s.dataTerm == DataTerm::WALKER && s.dataWeight == 1.5f && s.walkerBeta == 250.0f &&
                 s.walkerIterations == 30 && s.walkerTolerance == 0.01f && s.seedCheckRadius == 12 &&
                 s.seedCheckShare == 0.5f && s.seedCheckBeta == 20.0f && s.seedCheckFit == 0.4f &&
-                s.colourWeight == 1.5f && s.solverTolerance == 0.001f && s.edgeWeights == EdgeWeights::DIFFUSIVITY);
+                s.colourWeight == 1.5f && s.solverTolerance == 0.001f && s.edgeWeights == EdgeWeights::DIFFUSIVITY &&
+                s.costFilterRadius == 6 && s.costFilterEpsilon == 0.01f && s.lambdaSeedDensity == 0.003f);
     ASSERT_TRUE(read("i model 1\ns edgeWeights contrast\n", s, error)) << error;
     EXPECT_EQ(s.edgeWeights, EdgeWeights::CONTRAST);
 }
@@ -65,6 +67,9 @@ TEST(Settings, ABadValueNamesItsKeyAndLeavesTheSettingsAlone) {
         {"f colourWeight -1\n", "key \"colourWeight\""},
         {"f solverTolerance 2\n", "key \"solverTolerance\""},
         {"s edgeWeights sharp\n", "key \"edgeWeights\""},
+        {"i costFilterRadius 101\n", "key \"costFilterRadius\""},
+        {"f costFilterEpsilon 0\n", "key \"costFilterEpsilon\""},
+        {"f lambdaSeedDensity 2\n", "key \"lambdaSeedDensity\""},
         // The fused model 2 has no per-edge form.
         {"s edgeWeights contrast\n",
          "configuration key \"edgeWeights\": expected \"s edgeWeights contrast\" with model 1 (\"i model 1\"), got "

@@ -238,6 +238,15 @@ TEST(PrepareSegmentation, SetsModelParametersAndTheCostMap) {
     EXPECT_TRUE(s.lambda == 42.0f && s.nIterations == 7 && s.model == PDseg::ANISOTROPIC_TV && s.diffusivityType == 1 &&
                 s.alpha == 2.5f && s.nLabels == 3);
 
+    // The 12 x 6 frame holds 5 seeds: below a share of 0.5 of seeded pixels
+    // lambda shrinks with the square root of the share; above, it stays.
+    for (float density : {0.5f, 0.05f}) {
+        settings.lambdaSeedDensity = density;
+        ScopedPDseg sparse(image.a);
+        prepareSegmentation(sparse, labels.a, 3, settings);
+        EXPECT_FLOAT_EQ(sparse.lambda, density > 5.0f / 72.0f ? 42.0f * std::sqrt(5.0f / 72.0f / density) : 42.0f);
+    }
+
     ScopedPDseg plain(image.a);
     prepareSegmentation(plain, labels.a, 3, SegmentationSettings{});
     ScopedPDseg reference(image.a);
