@@ -50,6 +50,11 @@ KEYWORDS = {
     "model": "model",
     "diffusivity": "diffusivity",
     "alpha": "alpha",
+    "edgeWeights": "edge_weights",
+    "costFilterRadius": "cost_filter_radius",
+    "costFilterEpsilon": "cost_filter_epsilon",
+    "solverTolerance": "solver_tolerance",
+    "lambdaSeedDensity": "lambda_seed_density",
     "dataTerm": "data_term",
     "dataWeight": "data_weight",
     "walkerBeta": "walker_beta",
@@ -58,6 +63,8 @@ KEYWORDS = {
     "seedCheckRadius": "seed_check_radius",
     "seedCheckShare": "seed_check_share",
     "seedCheckBeta": "seed_check_beta",
+    "seedCheckFit": "seed_check_fit",
+    "colourWeight": "colour_weight",
 }
 
 

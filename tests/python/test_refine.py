@@ -41,11 +41,11 @@ def test_refine_scores_at_least_the_argmax_of_random_walker_probabilities():
         refined = (denseseg.refine(image, probabilities) != regions).sum()
         # The total variation cannot undo a region the walker gave the wrong
         # label, and may move its boundary a little; no frame loses more
-        # than 1 % of its pixels.
-        assert refined <= argmax + 0.01 * regions.size, (seed, refined, argmax)
+        # than 2 % of its pixels.
+        assert refined <= argmax + 0.02 * regions.size, (seed, refined, argmax)
         argmax_wrong += argmax
         refined_wrong += refined
-    assert refined_wrong < 0.95 * argmax_wrong, (refined_wrong, argmax_wrong)
+    assert refined_wrong < 0.8 * argmax_wrong, (refined_wrong, argmax_wrong)
 
 
 def test_refine_keeps_a_clean_labelling_and_cleans_a_noisy_one():
