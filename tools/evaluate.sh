@@ -68,6 +68,11 @@ if [ -z "$python" ]; then
                 .venv-eval/bin/python -m pip install -q gco-wrapper || echo "gco-wrapper did not install" >&2
             .venv-eval/bin/python -c "import pydensecrf.densecrf" 2>/dev/null ||
                 .venv-eval/bin/python -m pip install -q pydensecrf2 || echo "pydensecrf2 did not install" >&2
+            # The package of this checkout, for refine() on the walker's
+            # probabilities (host backend; about a minute).
+            echo "== the Python package into .venv-eval/"
+            CMAKE_BUILD_PARALLEL_LEVEL="$(nproc)" .venv-eval/bin/python -m pip install -q . \
+                --config-settings=cmake.define.VELA_CUDA=OFF || echo "the package did not install" >&2
         fi
         python=$PWD/.venv-eval/bin/python
     fi

@@ -25,6 +25,17 @@ import numpy as np
 from . import generate, peers, run, score
 
 WALKER = "random walker"
+WALKER_REFINE = "random walker, refine()"
+WALKER_GRAPH_CUT = "random walker, graph cuts"
+
+
+def have_refine() -> bool:
+    """Whether the Python package is installed beside the evaluation."""
+    try:
+        import denseseg  # noqa: F401
+    except ImportError:
+        return False
+    return True
 
 
 def have_walker() -> bool:
@@ -96,6 +107,16 @@ def make_methods(tools: run.Tools, modes: list[run.Mode], walker: bool, peer_nam
     methods = [Method(m.folder, m.name, lambda folder, _, m=m: run.run_program(tools, folder, m)) for m in modes]
     if walker:
         methods.append(Method("walker", WALKER, lambda folder, _: run.run_walker(tools, folder)))
+        # The walker's probabilities cleaned up by the package's refine() and,
+        # next to it, by the graph cut.
+        if have_refine():
+            import denseseg
+
+            methods.append(Method("walker-refine", WALKER_REFINE,
+                                  lambda folder, _: run.run_walker(tools, folder, denseseg.refine)))
+            if peers.have_peer(peers.GRAPH_CUT):
+                methods.append(Method("walker-graphcut", WALKER_GRAPH_CUT,
+                                      lambda folder, _: run.run_walker(tools, folder, peers.graph_cut_probabilities)))
     for name in peer_names:
         method = peers.peer_method(name)
         methods.append(Method(peers.FOLDERS[name], name,

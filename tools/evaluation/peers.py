@@ -150,6 +150,13 @@ def dense_crf(costs: np.ndarray, image: np.ndarray, params: CrfParameters = CRF_
     return np.argmax(q.reshape(n, h, w), axis=0).astype(np.int32)
 
 
+def graph_cut_probabilities(image: np.ndarray, probabilities: np.ndarray) -> np.ndarray:
+    """The graph cut on per-label probabilities, each costing -ln(p + 0.001) /
+    -ln(0.001) as the package's refine() costs them."""
+    costs = np.log(probabilities + 0.001) / np.log(0.001)
+    return graph_cut(costs.astype(np.float32), image)
+
+
 # --- running a peer on a sequence -----------------------------------------------------
 
 def run_peer(folder: Path, frame_costs: list[FrameCosts], method) -> run.RunResult:

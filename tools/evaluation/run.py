@@ -131,25 +131,62 @@ def run_program(tools: Tools, folder: Path, mode: Mode) -> RunResult:
     return RunResult(predictions, seconds / len(frames))
 
 
-def run_walker(tools: Tools, folder: Path) -> RunResult:
+@dataclasses.dataclass
+class WalkerFrame:
+    probabilities: np.ndarray | None  # L x H x W, None for a frame without seeds
+    label_numbers: np.ndarray  # the track label number of each layer
+    seconds: float  # of the random_walker call
+
+
+# The walker's probabilities of each sequence folder, computed once per run
+# for every method that starts from them.
+_walker_frames: dict[Path, list[WalkerFrame]] = {}
+
+
+def walker_frames(tools: Tools, folder: Path) -> list[WalkerFrame]:
     """scikit-image's random walker (beta 500, its default mode) per frame on
-    the program's seeds; the time is that of the random_walker calls."""
+    the program's seeds, as the probabilities of every label."""
     from skimage.segmentation import random_walker
 
-    predictions, seconds = [], 0.0
+    if folder in _walker_frames:
+        return _walker_frames[folder]
+    frames = []
     for t, frame in enumerate(frame_paths(folder)):
         image = pnm.read(frame).astype(np.float64) / 255.0
         seeds = tools.seeds(folder, t, image.shape[1], image.shape[0]).astype(np.int32)
-        # The walker takes 0 as unlabelled and positive numbers as labels.
-        markers = np.where(seeds == UNSEEDED, 0, seeds + 1)
-        if not markers.any():
-            predictions.append(np.full(seeds.shape, -1, dtype=np.int32))
+        numbers = np.unique(seeds[seeds != UNSEEDED])
+        if numbers.size == 0:
+            frames.append(WalkerFrame(None, numbers, 0.0))
             continue
+        # The walker takes 0 as unlabelled and 1, 2, ... as labels.
+        markers = np.where(seeds == UNSEEDED, 0, np.searchsorted(numbers, seeds) + 1)
         with warnings.catch_warnings():
             # Its note that probabilities leave [0, 1] by the solver's tolerance.
             warnings.simplefilter("ignore", UserWarning)
             start = time.perf_counter()
-            labels = random_walker(image, markers, beta=WALKER_BETA, channel_axis=-1)
+            probabilities = random_walker(image, markers, beta=WALKER_BETA, channel_axis=-1, return_full_prob=True)
+            seconds = time.perf_counter() - start
+        frames.append(WalkerFrame(np.clip(probabilities, 0.0, None), numbers, seconds))
+    _walker_frames[folder] = frames
+    return frames
+
+
+def run_walker(tools: Tools, folder: Path, refine=None) -> RunResult:
+    """The random walker per frame on the program's seeds, each pixel given its
+    most probable label; or, with `refine(image, probabilities)` returning
+    label indices, the walker's probabilities cleaned up by it.  The time is
+    that of the random_walker calls (and of `refine`)."""
+    predictions, seconds = [], 0.0
+    for frame, w in zip(frame_paths(folder), walker_frames(tools, folder)):
+        if w.probabilities is None:
+            predictions.append(np.full(pnm.read(frame).shape[:2], -1, dtype=np.int32))
+            continue
+        seconds += w.seconds
+        if refine is None:
+            indices = np.argmax(w.probabilities, axis=0)
+        else:
+            start = time.perf_counter()
+            indices = refine(pnm.read(frame), w.probabilities)
             seconds += time.perf_counter() - start
-        predictions.append(labels.astype(np.int32) - 1)
+        predictions.append(w.label_numbers[indices].astype(np.int32))
     return RunResult(predictions, seconds / len(predictions))
