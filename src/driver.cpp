@@ -301,6 +301,9 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
     vela::timer::stop("PDseg::run()");
     vela::timer::stop("PDseg::runTotal()");
     vela::timer::printToScreen("", 6, 0, true);
+    // With a tolerance the iteration count varies from frame to frame.
+    if (settings.solverTolerance > 0.0f)
+        std::cout << "solver iterations: " << seg.iterationsDone << " of " << seg.nIterations << std::endl;
 
     seg.computeColorRepresentation(seg.u, true, false);
     saveRendering(seg.colorImage, outputStem + "_dense.ppm");
