@@ -62,7 +62,8 @@ void writeNpy(const std::string& path, const std::vector<float>& values, unsigne
     if (out == nullptr) throw std::runtime_error("cannot write " + path);
     bool ok = std::fwrite("\x93NUMPY\x01\x00", 1, 8, out) == 8 && std::fwrite(lengthBytes, 1, 2, out) == 2 &&
               std::fwrite(header.data(), 1, header.size(), out) == header.size() &&
-              std::fwrite(values.data(), sizeof(float), values.size(), out) == values.size();
+              // An empty map (a frame without seeds) writes no data: fwrite must not see its null pointer.
+              (values.empty() || std::fwrite(values.data(), sizeof(float), values.size(), out) == values.size());
     ok = std::fclose(out) == 0 && ok;
     if (!ok) throw std::runtime_error("writing " + path + " failed");
 }
