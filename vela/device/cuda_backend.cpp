@@ -2,6 +2,7 @@
 // builds made with the CUDA toolkit.
 #include <cuda_runtime.h>
 
+#include <atomic>
 #include <string>
 
 #include "vela/device/backend.h"
@@ -42,12 +43,19 @@ class CudaBackend final : public BackendImpl {
 
     void synchronize() override { cudaDeviceSynchronize(); }
 
-    cudaError_t getLastError() override { return cudaGetLastError(); }
-    cudaError_t peekAtLastError() override { return cudaPeekAtLastError(); }
-    void setLastError(cudaError_t error) override {
-        // The runtime has no setter; the host launcher's checks never run on this backend.
-        (void)error;
+    // The runtime's last error has no setter: an error this layer finds itself
+    // (a launch shape no device can run, say) waits here and is reported
+    // before the runtime's own.
+    cudaError_t getLastError() override {
+        const cudaError_t own = pending_.exchange(cudaSuccess);
+        const cudaError_t runtime = cudaGetLastError();
+        return own != cudaSuccess ? own : runtime;
     }
+    cudaError_t peekAtLastError() override {
+        const cudaError_t own = pending_.load();
+        return own != cudaSuccess ? own : cudaPeekAtLastError();
+    }
+    void setLastError(cudaError_t error) override { pending_.store(error); }
     const char* getErrorString(cudaError_t error) override { return cudaGetErrorString(error); }
 
     void* eventCreate() override {
@@ -63,6 +71,9 @@ class CudaBackend final : public BackendImpl {
         return ms;
     }
     void eventDestroy(void* e) override { cudaEventDestroy(static_cast<cudaEvent_t>(e)); }
+
+ private:
+    std::atomic<cudaError_t> pending_{cudaSuccess};
 };
 
 }  // namespace

@@ -91,6 +91,21 @@ enum class HostOrder {
 };
 // A kernel chooses with  static constexpr vela::device::HostOrder hostOrder = ...;
 
+// While it lives, the calling CPU thread flushes subnormal floats to zero
+// (when `flush`), then gets its own floating-point mode back: for host loops
+// of work that declares flushSubnormals (see below) in its kernels.
+class SubnormalsFlushed {
+ public:
+    explicit SubnormalsFlushed(bool flush);
+    ~SubnormalsFlushed();
+    SubnormalsFlushed(const SubnormalsFlushed&) = delete;
+    SubnormalsFlushed& operator=(const SubnormalsFlushed&) = delete;
+
+ private:
+    bool flush_;
+    unsigned int saved_ = 0;
+};
+
 namespace detail {
 
 template <class K, class = void>
@@ -116,6 +131,22 @@ struct HostOrderOf {
 template <class K>
 struct HostOrderOf<K, std::void_t<decltype(K::hostOrder)>> {
     static constexpr HostOrder value = K::hostOrder;
+};
+
+// A kernel may declare `static constexpr bool flushSubnormals = true;`: on the
+// host backend its blocks then run with subnormal floats (below 1.2e-38) read
+// and written as zero.  CPUs compute on them many times slower, and iterative
+// solvers whose values decay towards zero far from their sources (the random
+// walker's probabilities) meet them by the million; a GPU computes on them at
+// full speed, so the cuda backend keeps them.  Only for kernels whose results
+// no value that small can change.
+template <class K, class = void>
+struct FlushesSubnormals {
+    static constexpr bool value = false;
+};
+template <class K>
+struct FlushesSubnormals<K, std::void_t<decltype(K::flushSubnormals)>> {
+    static constexpr bool value = K::flushSubnormals;
 };
 
 // VELA_DEBUG_SYNC=1 makes every launch wait for its kernel and log its shape and
@@ -175,6 +206,7 @@ void hostLaunch(dim3 grid, dim3 block, const Args&... args) {
         for (unsigned int z = 0; z < grid.z; ++z) {
             for (long long parity = 0; parity < 2; ++parity) {
                 VELA_PRAGMA_OMP(omp parallel) {
+                    const SubnormalsFlushed mode(FlushesSubnormals<K>::value);
                     // Per OS thread, not per block: reused by every block it runs.
                     std::vector<LocalOf<K>> locals(IsPhased<K>::value ? threads : 0);
                     VELA_PRAGMA_OMP(omp for schedule(static))
@@ -192,6 +224,7 @@ void hostLaunch(dim3 grid, dim3 block, const Args&... args) {
     } else {
         const long long blocks = static_cast<long long>(grid.x) * grid.y * grid.z;
         VELA_PRAGMA_OMP(omp parallel) {
+            const SubnormalsFlushed mode(FlushesSubnormals<K>::value);
             std::vector<LocalOf<K>> locals(IsPhased<K>::value ? threads : 0);
             VELA_PRAGMA_OMP(omp for schedule(static))
             for (long long b = 0; b < blocks; ++b) {
@@ -214,6 +247,12 @@ void hostLaunch(dim3 grid, dim3 block, const Args&... args) {
 // and complete before returning on the host backend.
 template <class K, class... Args>
 void launch(dim3 grid, dim3 block, cudaStream_t stream, const Args&... args) {
+    // Checked here rather than left to the driver, whose error for a bad shape
+    // differs between versions.
+    if (!validLaunchShape(grid, block)) {
+        setLastError(cudaErrorInvalidConfiguration);
+        return;
+    }
 #if defined(__CUDACC__)
     if (usesCuda()) {
         detail::cudaEntry<K, Args...><<<grid, block, 0, stream>>>(args...);
@@ -222,10 +261,6 @@ void launch(dim3 grid, dim3 block, cudaStream_t stream, const Args&... args) {
     }
 #endif
     (void)stream;
-    if (!validLaunchShape(grid, block)) {
-        setLastError(cudaErrorInvalidConfiguration);
-        return;
-    }
     detail::hostLaunch<K>(grid, block, args...);
     if (detail::debugSyncEnabled()) detail::debugSyncAfterLaunch(typeid(K).name(), grid, block);
 }

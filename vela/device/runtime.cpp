@@ -6,6 +6,12 @@
 #include <string>
 
 #include "vela/device/backend.h"
+#include "vela/device/launch.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <xmmintrin.h>
+#define VELA_HAVE_MXCSR 1
+#endif
 
 namespace vela::device {
 namespace detail {
@@ -68,6 +74,22 @@ void eventRecord(Event e) { detail::current().eventRecord(e); }
 void eventSynchronize(Event e) { detail::current().eventSynchronize(e); }
 float eventElapsedTime(Event start, Event stop) { return detail::current().eventElapsedTime(start, stop); }
 void eventDestroy(Event e) { detail::current().eventDestroy(e); }
+
+// The SSE control bits: flush-to-zero (results) and denormals-are-zero (operands).
+SubnormalsFlushed::SubnormalsFlushed(bool flush) : flush_(flush) {
+#if defined(VELA_HAVE_MXCSR)
+    if (!flush_) return;
+    saved_ = _mm_getcsr();
+    constexpr unsigned int kFlushToZero = 0x8000, kDenormalsAreZero = 0x0040;
+    _mm_setcsr(saved_ | kFlushToZero | kDenormalsAreZero);
+#endif
+}
+
+SubnormalsFlushed::~SubnormalsFlushed() {
+#if defined(VELA_HAVE_MXCSR)
+    if (flush_) _mm_setcsr(saved_);
+#endif
+}
 
 }  // namespace vela::device
 
