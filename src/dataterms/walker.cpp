@@ -86,6 +86,7 @@ struct walkerWeights_kernel {
 // The arrays of the solve; x, r, p and q are W x H x L.
 struct WalkerArrays {
     vela::Array<float, 3> x, r, p, q;
+    vela::Array<float, 3> guess;  // where x starts at the unseeded pixels; unset: 0
     vela::Array<float, 2> labels;
     vela::Array<float2, 2> weights;
     vela::Array<float2, 2> diagonal;  // degree, and its inverse or 0 at a seed
@@ -181,6 +182,33 @@ struct DirectionStep {
     }
 };
 
+// A warm start: x = the guess (clamped to [0, 1]) at the unseeded pixels; the
+// seeds keep the values start() gave them.
+struct GuessStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
+        if (vela::at(a.diagonal, x, y).y > 0.0f) {
+            vela::at(a.x, x, y, l) = fminf(fmaxf(vela::at(a.guess, x, y, l), 0.0f), 1.0f);
+        }
+        return make_float2(0.0f, 0.0f);
+    }
+};
+// r = b - A x from there, on the unseeded pixels, and p = r / degree.  Adds
+// r.z and r.r.
+struct ResidualStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
+        const float2 diagonal = vela::at(a.diagonal, x, y);
+        float residual = 0.0f;
+        if (diagonal.y > 0.0f)
+            residual =
+                neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) { return vela::at(a.x, i, j, l); }) -
+                diagonal.x * vela::at(a.x, x, y, l);
+        const float direction = residual * diagonal.y;
+        vela::at(a.r, x, y, l) = residual;
+        vela::at(a.p, x, y, l) = direction;
+        return make_float2(residual * direction, residual * residual);
+    }
+};
+
 // Runs a step at every pixel and label, one label per grid layer, and leaves
 // the block sums of what it adds in partial(block, label, 0 and 1).
 template <class Step>
@@ -188,6 +216,8 @@ struct walkerStep_kernel {
     using Shared = seg::BlockSums<2>;
     struct Local {};
     static constexpr int phases = 3;
+    // The probabilities decay to subnormal floats far from a label's seeds.
+    static constexpr bool flushSubnormals = true;
     VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
                             vela::Array<float, 1> coefficients, vela::Array<float, 3> partial) const {
         const GridPixel px(t, a.x.extents.x, a.x.extents.y);
@@ -257,6 +287,11 @@ class WalkerSteps {
           coefficients_(grid_.z) {}
 
     LabelSums start() { return run<StartStep>(); }
+    // After start(): x from the guess, and the residual there.
+    LabelSums restart() {
+        run<GuessStep>();
+        return run<ResidualStep>();
+    }
     LabelSums apply() { return run<ApplyStep>(); }
     LabelSums step(const std::vector<float>& alpha) { return run<StepStep>(alpha); }
     void direction(const std::vector<float>& beta) { run<DirectionStep>(beta); }
@@ -281,7 +316,9 @@ class WalkerSteps {
         auto rows = [&] {
             std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
             const long long count = static_cast<long long>(h) * labels;
-            VELA_PRAGMA_OMP(omp parallel for schedule(static))
+            VELA_PRAGMA_OMP(omp parallel) {
+                const vela::device::SubnormalsFlushed mode(walkerStep_kernel<Step>::flushSubnormals);
+            VELA_PRAGMA_OMP(omp for schedule(static))
             for (long long row = 0; row < count; ++row) {
                 const unsigned int y = static_cast<unsigned int>(row % h), l = static_cast<unsigned int>(row / h);
                 double s0 = 0.0, s1 = 0.0;
@@ -292,6 +329,7 @@ class WalkerSteps {
                 }
                 first[row] = s0;
                 second[row] = s1;
+            }
             }
             for (unsigned int l = 0; l < labels; ++l)
                 for (unsigned int y = 0; y < h; ++y) {
@@ -329,7 +367,8 @@ float walkerColourScale(const vela::Array<float4, 2>& image, float beta) {
     return static_cast<float>(-beta / (10.0 * sd * std::sqrt(3.0)));
 }
 
-void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings) {
+void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings,
+                   const WalkerCarry& carry) {
     const unsigned int w = seg.costMap.extents.x, h = seg.costMap.extents.y;
     const unsigned int nLabels = seg.costMap.extents.z;
     if (seg.nLabels < 1 || w == 0 || h == 0) return;
@@ -351,14 +390,21 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     vela::ScopedArray<float, 3> r(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> p(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> q(seg::deviceArray3D<float>(w, h, nLabels));
-    WalkerSteps steps(WalkerArrays{x.a, r.a, p.a, q.a, labels, weights.a, diagonal.a});
+    const bool warm = carry.start != nullptr && carry.start->data != nullptr;
+    if (warm && (carry.start->extents.x != w || carry.start->extents.y != h || carry.start->extents.z != nLabels))
+        throw std::runtime_error("addWalkerCost: the start is not W x H x L of the cost map");
+    WalkerSteps steps(
+        WalkerArrays{x.a, r.a, p.a, q.a, warm ? *carry.start : vela::Array<float, 3>{}, labels, weights.a, diagonal.a});
 
     // Preconditioned conjugate gradients, every label's system at once; a
     // label stops counting once its residual is below the tolerance relative
-    // to its right-hand side, and the loop stops when all have.
+    // to its right-hand side, and the loop stops when all have.  A warm start
+    // begins from the guess but keeps the same goal, the residual relative to
+    // the right-hand side.
     LabelSums sums = steps.start();
-    std::vector<double> rz = sums.first;
     const std::vector<double> rhs = sums.second;
+    if (warm) sums = steps.restart();
+    std::vector<double> rz = sums.first;
     std::vector<double> rr = sums.second;
     const double tolerance = static_cast<double>(settings.walkerTolerance) * settings.walkerTolerance;
     auto converged = [&] {
@@ -367,7 +413,8 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
         return true;
     };
     std::vector<float> coefficient(nLabels);
-    for (int iteration = 0; iteration < settings.walkerIterations && !converged(); ++iteration) {
+    int iterations = 0;
+    for (; iterations < settings.walkerIterations && !converged(); ++iterations) {
         const std::vector<double> pq = steps.apply().first;
         for (unsigned int l = 0; l < nLabels; ++l)
             coefficient[l] = pq[l] > 0.0 ? static_cast<float>(rz[l] / pq[l]) : 0.0f;
@@ -383,4 +430,10 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     const dim3 labelled(pixels.x, pixels.y, nLabels);
     vela::device::launch<walkerCost_kernel>(labelled, block, nullptr, seg.costMap, x.a, settings.dataWeight);
     check(__LINE__);
+    if (carry.iterations) *carry.iterations = iterations;
+    if (carry.keep) {
+        vela::freeArray(*carry.keep);
+        *carry.keep = x.a;
+        x.a = vela::Array<float, 3>{};
+    }
 }

@@ -6,9 +6,22 @@
 #include "src/PDseg.h"
 #include "src/settings.h"
 
+// What a video's frames hand on to the walker of the next one, all optional.
+struct WalkerCarry {
+    // Probabilities (W x H x L, device) to start the solve from, the previous
+    // frame's moved to this one: a few iterations then reach the tolerance.
+    const vela::Array<float, 3>* start = nullptr;
+    // Receives this frame's probabilities (a new device array; what it held
+    // is released).
+    vela::Array<float, 3>* keep = nullptr;
+    // Receives the conjugate-gradient iterations the solve took.
+    int* iterations = nullptr;
+};
+
 // Adds settings.dataWeight * -ln(p_l + 0.001) / -ln(0.001) to layer l of
 // seg.costMap, p_l being the walker probability of label l at each pixel.
-void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings);
+void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings,
+                   const WalkerCarry& carry = {});
 
 // The factor k of the edge weights exp(k * d) + 1e-6, d the squared colour
 // distance with channels in [0, 1]: -beta / (10 * sd * sqrt(3)), sd the
