@@ -44,6 +44,7 @@ PDseg::~PDseg() {
     vela::freeArray(u);
     vela::freeArray(uResult);
     vela::freeArray(g);
+    vela::freeArray(dual);
 }
 
 void PDseg::init() {

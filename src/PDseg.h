@@ -65,6 +65,15 @@ class PDseg : public ImgSeg {
     // member costMap is left as it is.
     int filterRadius = 0;
     float filterEpsilon = 1e-4f;
+    // A warm start, for the frames of a video: when set with the extents of u,
+    // run() starts from startU (and ū = startU) instead of 1/L, and from the
+    // dual field startDual instead of 0.  The object borrows both.
+    vela::Array<float, 3> startU;
+    vela::Array<float2, 3> startDual;
+    // With keepDual, run() leaves its final dual field in `dual` (the object
+    // owns it; a later run replaces it).
+    bool keepDual = false;
+    vela::Array<float2, 3> dual;
     // The iterations the last run() took.
     int iterationsDone = 0;
 

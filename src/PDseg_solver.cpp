@@ -428,9 +428,20 @@ void PDseg::run() {
     g = seg::deviceArray2D<float>(W, H);
     seg::ScopedArray<float, 3> ubar(seg::deviceArray3D<float>(W, H, L));
     seg::ScopedArray<float2, 3> p(seg::deviceArray3D<float2>(W, H, L));
-    fill(u, 1.0f / static_cast<float>(L));
-    fill(ubar.a, 0.0f);
-    fill(p.a, make_float2(0.0f, 0.0f));
+    auto fits = [&](const auto& a) {
+        return a.data != nullptr && a.extents.x == W && a.extents.y == H && a.extents.z == u.extents.z;
+    };
+    if (fits(startU)) {
+        vela::arrayCopy(u, startU);
+        vela::arrayCopy(ubar.a, startU);
+    } else {
+        fill(u, 1.0f / static_cast<float>(L));
+        fill(ubar.a, 0.0f);
+    }
+    if (fits(startDual))
+        vela::arrayCopy(p.a, startDual);
+    else
+        fill(p.a, make_float2(0.0f, 0.0f));
 
     setAlgorithmParameter(model);
     const float stepTau = tau, stepSigma = sigma, weight = lambda;
@@ -515,4 +526,9 @@ void PDseg::run() {
     vela::arrayCopy(uResult, u);
     seg::binarize(u);
     vela::_CHECK_CUDA_ERROR(kSource, kLineAfterBinarize);
+    if (keepDual) {
+        vela::freeArray(dual);
+        dual = p.a;
+        p.a = vela::Array<float2, 3>{};
+    }
 }

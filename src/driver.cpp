@@ -190,6 +190,15 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
     const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
     vela::ScopedArray<float4, 2> image(
         narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
+    // In temporal mode the tracks are read once, for their motion from frame
+    // to frame; a file that cannot be read gives no motion (its frames report
+    // it as before).
+    video::VideoState video;
+    std::vector<TrackPoints> tracks;
+    if (settings.temporal == 1) {
+        std::string problem;
+        if (!readTracks(trackPath, tracks, problem)) tracks.clear();
+    }
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (i > 0) {
             vela::freeArray(host.a);
@@ -202,7 +211,12 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
             }
         }
         vela::arrayCopy(image.a, host.a);
-        processFrame(stems[i], image.a, trackPath, static_cast<unsigned int>(i), settings, outputs);
+        const unsigned int frame = static_cast<unsigned int>(i);
+        if (settings.temporal == 1)
+            processFrame(stems[i], image.a, trackPath, frame, settings, outputs, &video,
+                         motionOfTracks(tracks, frame, static_cast<int>(size.x), static_cast<int>(size.y)));
+        else
+            processFrame(stems[i], image.a, trackPath, frame, settings, outputs);
     }
     return exportTracks(resultFolder, trackPath, inputs);
 }
@@ -270,7 +284,8 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
 }
 
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
-                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs) {
+                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
+                  video::VideoState* video, const std::vector<video::MotionPoint>& motion) {
     const unsigned int w = image.extents.x, h = image.extents.y;
     vela::ScopedArray<float, 2> hostLabels(
         narrow<float, 2>(vela::mallocHostArray<float>(make_uint4(w, h, 1, 1), vela::LINEAR_LAYOUT)));
@@ -283,7 +298,10 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
     std::vector<int> labelIds;
     const int numLabels =
         readTrackFrame(trackPath, frame, static_cast<int>(w), static_cast<int>(h), hostLabels.a, labelIds);
-    if (numLabels < 1) return;
+    if (numLabels < 1) {
+        if (video) video->reset();
+        return;
+    }
     vela::arrayCopy(labels.a, hostLabels.a);
 
     std::cout << "processing " << frame << "th frame: " << outputStem << std::endl;
@@ -291,8 +309,14 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
 
     PDseg seg(image);
     ColourTablesOfFrame colourTables{seg};
-    prepareSegmentation(seg, labels.a, numLabels, settings);
-    if (!setLabelColors(seg, labelIds, frame)) return;
+    if (video)
+        video->prepare(seg, labels.a, numLabels, labelIds, motion, settings);
+    else
+        prepareSegmentation(seg, labels.a, numLabels, settings);
+    if (!setLabelColors(seg, labelIds, frame)) {
+        if (video) video->reset();
+        return;
+    }
 
     vela::timer::reset("PDseg::run()");
     vela::timer::start("PDseg::runTotal()");
@@ -301,6 +325,11 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
     vela::timer::stop("PDseg::run()");
     vela::timer::stop("PDseg::runTotal()");
     vela::timer::printToScreen("", 6, 0, true);
+    if (video) {
+        video->keep(seg);
+        std::cout << (video->continued() ? "started from the frame before" : "started afresh")
+                  << "; walker iterations: " << video->walkerIterations() << std::endl;
+    }
     // With a tolerance the iteration count varies from frame to frame.
     if (settings.solverTolerance > 0.0f)
         std::cout << "solver iterations: " << seg.iterationsDone << " of " << seg.nIterations << std::endl;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "src/settings.h"
+#include "src/video/temporal.h"
 #include "vela/tools.h"
 
 // Reads a colour image file (PPM, PNG or JPEG) into a new host array of float4 pixels,
@@ -31,8 +32,12 @@ struct FrameOutputs {
 // outputStem + "_overlay.ppm", and the results `outputs` asks for.  A frame
 // without usable track points writes nothing.  Each label keeps its palette
 // colour in every frame.
+// With `video` (whole-folder mode with "i temporal 1"), the frame starts from
+// the one before along `motion`, the tracks' motion into this frame; a frame
+// without usable points resets it.
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
-                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs = {});
+                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs = {},
+                  video::VideoState* video = nullptr, const std::vector<video::MotionPoint>& motion = {});
 
 // Turns every "*dense*.ppm" of `resultFolder` (which ends with "/") into one
 // track file named like `trackPath` in that folder: one track of length 1 per

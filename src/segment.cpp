@@ -19,7 +19,7 @@ float colourTrust(float separability) { return std::fmin(1.0f, 2.0f * separabili
 }  // namespace
 
 void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
-                         const SegmentationSettings& settings) {
+                         const SegmentationSettings& settings, const WalkerCarry& walker) {
     applySolverSettings(seg, settings);
     vela::ScopedArray<float, 2> checked;
     vela::Array<float, 2>* seeds = &labels;
@@ -44,7 +44,7 @@ void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
             seg.lambda = static_cast<float>(seg.lambda * std::sqrt(share / settings.lambdaSeedDensity));
     }
     seg.labelsToCostMap(*seeds, numLabels);
-    if (settings.dataTerm == DataTerm::WALKER) addWalkerCost(seg, *seeds, settings);
+    if (settings.dataTerm == DataTerm::WALKER) addWalkerCost(seg, *seeds, settings, walker);
     if (settings.colourWeight > 0.0f && numLabels > 0) {
         const ColourModel colours(seg.image, *seeds, static_cast<unsigned int>(numLabels));
         colours.addCost(seg.costMap, settings.colourWeight * colourTrust(colours.separability()));

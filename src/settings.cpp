@@ -93,6 +93,9 @@ bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings,
                     readFloatKey(config, "solverTolerance", 0.0f, 1.0f, s.solverTolerance, error) &&
                     readFloatKey(config, "colourWeight", 0.0f, 1e6f, s.colourWeight, error) &&
                     readFloatKey(config, "lambdaSeedDensity", 0.0f, 1.0f, s.lambdaSeedDensity, error) &&
+                    readIntKey(config, "temporal", 0, 1, s.temporal, error) &&
+                    readFloatKey(config, "temporalWeight", 0.0f, 1e6f, s.temporalWeight, error) &&
+                    readFloatKey(config, "temporalWalkerTolerance", 0.0f, 1.0f, s.temporalWalkerTolerance, error) &&
                     readIntKey(config, "costFilterRadius", 0, 100, s.costFilterRadius, error) &&
                     readFloatKey(config, "costFilterEpsilon", 1e-8f, 1.0f, s.costFilterEpsilon, error);
     if (!ok) return false;

@@ -64,6 +64,15 @@ struct SegmentationSettings {
     // root of their share: the data term then guesses far from any evidence,
     // and the boundary length deserves more say (0: lambda as given).
     float lambdaSeedDensity = 0.0f;
+    // Whole-folder mode: each frame starts from the one before
+    // (src/video/temporal.h).
+    int temporal = 0;             // "temporal": 0 every frame afresh, 1 on
+    float temporalWeight = 0.3f;  // "temporalWeight": weight of the moved labelling as a cost
+    // "temporalWalkerTolerance": 0, the walker starts every frame afresh; above
+    // 0, it starts from the frame before's probabilities, moved, and stops at
+    // this relative residual instead of walkerTolerance (faster with a looser
+    // tolerance, but it carries the motion's errors along).
+    float temporalWalkerTolerance = 0.0f;
 };
 
 // Reads the settings from `config` into `settings`.  False, with `error`

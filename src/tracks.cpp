@@ -97,6 +97,16 @@ int report(const std::string& path, unsigned int frame, const std::string& what,
     return kNoTrackFrame;
 }
 
+// The pixel of a point strictly inside a w x h image; false for others.
+bool acceptedPixel(float x, float y, int w, int h, int& column, int& row) {
+    const float wf = static_cast<float>(w), hf = static_cast<float>(h);
+    if (!(x < wf && y < hf)) return false;
+    if (!(x > 0.0f && y > 0.0f)) return false;  // row and column 0 are rejected on purpose
+    column = static_cast<int>(x);
+    row = static_cast<int>(y);
+    return column < w && row < h;  // fails only for sizes a float cannot hold exactly
+}
+
 std::string place(int track, int tracks, int point = -1, int points = 0) {
     std::string s = "track " + std::to_string(track + 1) + " of " + std::to_string(tracks);
     if (point >= 0) s += ", point " + std::to_string(point + 1) + " of " + std::to_string(points);
@@ -140,7 +150,6 @@ int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, ve
     if (trackCount > 0 && static_cast<std::uint64_t>(trackCount) * 4 > in.remaining())
         return fail("track count " + std::to_string(trackCount) + " is more than the rest of the file can hold");
 
-    const float wf = static_cast<float>(w), hf = static_cast<float>(h);
     char* base = reinterpret_cast<char*>(labels.data);
     int largest = -1;
     for (int i = 0; i < trackCount; ++i) {
@@ -157,10 +166,8 @@ int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, ve
             if (!in.readFloat(x, problem) || !in.readFloat(y, problem) || !in.readInt(t, problem))
                 return fail(place(i, trackCount, j, pointCount) + ": " + problem);
             if (t != signedFrame) continue;
-            if (!(x < wf && y < hf)) continue;
-            if (!(x > 0.0f && y > 0.0f)) continue;  // row and column 0 are rejected on purpose
-            const int column = static_cast<int>(x), row = static_cast<int>(y);
-            if (column >= w || row >= h) continue;  // only for sizes a float cannot hold exactly
+            int column = 0, row = 0;
+            if (!acceptedPixel(x, y, w, h, column, row)) continue;
             if (label < 0 || label >= kTrackLabelLimit)
                 return fail(place(i, trackCount, j, pointCount) + ": label " + std::to_string(label) +
                             " is outside 0 to " + std::to_string(kTrackLabelLimit - 1));
@@ -174,4 +181,81 @@ int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, ve
         }
     }
     return largest + 1;
+}
+
+int seedsOfTracks(const std::vector<TrackPoints>& tracks, unsigned int frame, int w, int h,
+                  vela::Array<float, 2>& labels, std::vector<int>& labelIds) {
+    labelIds.clear();
+    char* base = reinterpret_cast<char*>(labels.data);
+    int largest = -1;
+    for (const TrackPoints& track : tracks)
+        for (const float3& p : track.points) {
+            int column = 0, row = 0;
+            if (static_cast<int>(p.z) != static_cast<int>(frame) || !acceptedPixel(p.x, p.y, w, h, column, row))
+                continue;
+            const auto found = std::find(labelIds.begin(), labelIds.end(), track.label);
+            const int k = static_cast<int>(found - labelIds.begin());
+            if (found == labelIds.end()) labelIds.push_back(track.label);
+            reinterpret_cast<float*>(base + static_cast<std::size_t>(row) * labels.strides.y)[column] =
+                static_cast<float>(k);
+            largest = std::max(largest, k);
+        }
+    return largest + 1;
+}
+
+std::vector<video::MotionPoint> motionOfTracks(const std::vector<TrackPoints>& tracks, unsigned int frame, int w,
+                                               int h) {
+    std::vector<video::MotionPoint> motion;
+    if (frame == 0) return motion;
+    for (const TrackPoints& track : tracks) {
+        const float3 *now = nullptr, *before = nullptr;
+        int column = 0, row = 0;
+        for (const float3& p : track.points) {
+            if (!acceptedPixel(p.x, p.y, w, h, column, row)) continue;
+            if (static_cast<int>(p.z) == static_cast<int>(frame)) now = &p;
+            if (static_cast<int>(p.z) == static_cast<int>(frame) - 1) before = &p;
+        }
+        if (now && before) motion.push_back({now->x, now->y, before->x, before->y, track.label});
+    }
+    return motion;
+}
+
+bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::string& problem) {
+    tracks.clear();
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        problem = "cannot be opened";
+        return false;
+    }
+    std::string text;
+    const bool readable = readWholeFile(f, text);
+    std::fclose(f);
+    if (!readable) {
+        problem = "cannot be read";
+        return false;
+    }
+    TrackTokens in(text);
+    int frameCount = 0, trackCount = 0;
+    if (!in.readInt(frameCount, problem) || !in.readInt(trackCount, problem)) return false;
+    if (trackCount > 0 && static_cast<std::uint64_t>(trackCount) * 4 > in.remaining()) {
+        problem = "track count " + std::to_string(trackCount) + " is more than the rest of the file can hold";
+        return false;
+    }
+    for (int i = 0; i < trackCount; ++i) {
+        TrackPoints track;
+        int pointCount = 0;
+        if (!in.readInt(track.label, problem) || !in.readInt(pointCount, problem)) return false;
+        if (pointCount > 0 && static_cast<std::uint64_t>(pointCount) * 6 > in.remaining()) {
+            problem = "point count " + std::to_string(pointCount) + " is more than the rest of the file can hold";
+            return false;
+        }
+        for (int j = 0; j < pointCount; ++j) {
+            float x = 0.0f, y = 0.0f;
+            int t = 0;
+            if (!in.readFloat(x, problem) || !in.readFloat(y, problem) || !in.readInt(t, problem)) return false;
+            track.points.push_back(make_float3(x, y, static_cast<float>(t)));
+        }
+        tracks.push_back(std::move(track));
+    }
+    return true;
 }

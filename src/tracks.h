@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "src/video/motion.h"
 #include "vela/tools.h"
 
 // Labels index the fixed 100-entry label colour palette, so only 0 to 99 work.
@@ -42,3 +43,25 @@ constexpr int kNoTrackFrame = -1;
 //     `labelIds` empty.
 int readTrackFrame(const std::string& path, unsigned int frame, int w, int h, vela::Array<float, 2>& labels,
                    std::vector<int>& labelIds);
+
+// A track held in memory: its label and its points (x, y, frame).
+struct TrackPoints {
+    int label = 0;
+    std::vector<float3> points;
+};
+
+// The sparse label image of one frame from tracks in memory, by the rules of
+// readTrackFrame (points strictly inside, later points win, label indices in
+// the order their labels are first met); returns the number of indices.
+// Labels must lie within 0 to kTrackLabelLimit - 1 (the caller checks).
+int seedsOfTracks(const std::vector<TrackPoints>& tracks, unsigned int frame, int w, int h,
+                  vela::Array<float, 2>& labels, std::vector<int>& labelIds);
+
+// The motion from frame - 1 to `frame` of every track with a point inside the
+// image (by readTrackFrame's rule) in both; none for frame 0.
+std::vector<video::MotionPoint> motionOfTracks(const std::vector<TrackPoints>& tracks, unsigned int frame, int w,
+                                               int h);
+
+// Reads a whole track file into memory.  False where readTrackFrame would
+// refuse the file (with `problem` saying why) or cannot open it.
+bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::string& problem);

@@ -245,6 +245,25 @@ TEST_F(Sequence, WholeFolderSegmentsEveryFrameAndExportsTheTracks) {
     EXPECT_EQ(readFile(results + "t.dat"), tracks);
 }
 
+// With "temporal" each frame after the first starts from the one before (the
+// tracks of label 7 continue), and the results are the same halves.
+TEST_F(Sequence, TemporalRunsStartEachFrameFromTheOneBefore) {
+    folder.write("video.cfg",
+                 "s dataDir data\ns tracksDir tracks\ns resultDir out\nf lambda 5\ni maxiter 200\ni temporal 1\n");
+    const Output run = runProgram(folder.str(), {"video.cfg", "f0.ppm", "t.dat", "-1", "video"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(withoutTimers(run.out),
+              "processing 0th frame: out/video/f0\n"
+              "number of different labels in this frame: 2\n"
+              "started afresh; walker iterations: 0\n"
+              "processing 1th frame: out/video/f1\n"
+              "number of different labels in this frame: 2\n"
+              "started from the frame before; walker iterations: 0\n"
+              "write track file: out/video/t.dat\n");
+    expectHalves(folder / "out/video/f0_dense.ppm");
+    expectHalves(folder / "out/video/f1_dense.ppm");
+}
+
 // The walker data term and the other solver keys reach the frame.
 TEST_F(Sequence, SolverKeysFromTheConfiguration) {
     folder.write("walker.cfg",

@@ -59,6 +59,50 @@ TEST(TrackFile, NumbersTheLabelsOfOneFrameInTheOrderFirstMet) {
     EXPECT_EQ(f0.out + f0.err + f1.out + f1.err, "");
 }
 
+// A video's tracks read once: each frame's seeds as the per-frame reader gives
+// them, and the motion of the tracks inside the image in both frames.
+TEST(TrackFile, HeldInMemoryGivesEachFramesSeedsAndTheMotionBetweenFrames) {
+    ScratchFolder folder("tracks");
+    const std::string path = folder.write("t.dat",
+                                          "3 5\n"
+                                          "7 3 10.9 5.2 0 11 6 1 12.5 6.5 2\n"
+                                          "3 2 2 2 0 0 3 1\n"  // leaves the image (column 0) in frame 1
+                                          "7 1 5 5 0\n"
+                                          "12 2 6 6 1 7 6 2\n"
+                                          "3 2 10.1 5.9 0 15.99 7.99 2\n");
+    std::vector<TrackPoints> tracks;
+    std::string problem;
+    ASSERT_TRUE(readTracks(path, tracks, problem)) << problem;
+    ASSERT_EQ(tracks.size(), 5u);
+    for (unsigned int frame = 0; frame < 4; ++frame) {
+        const Frame fromFile(path, frame);
+        std::vector<float> pixels(16 * 8, -1.0f);
+        auto labels = vela::arrayFromHostMemory(pixels.data(), make_uint2(16, 8));
+        std::vector<int> ids;
+        EXPECT_EQ(seedsOfTracks(tracks, frame, 16, 8, labels, ids), std::max(fromFile.count, 0)) << "frame " << frame;
+        EXPECT_EQ(ids, fromFile.ids) << "frame " << frame;
+        Marks marks;
+        for (int i = 0; i < 16 * 8; ++i)
+            if (pixels[i] != -1.0f) marks[{i % 16, i / 16}] = pixels[i];
+        EXPECT_EQ(marks, fromFile.marks) << "frame " << frame;
+    }
+
+    EXPECT_TRUE(motionOfTracks(tracks, 0, 16, 8).empty());
+    const auto m1 = motionOfTracks(tracks, 1, 16, 8);
+    ASSERT_EQ(m1.size(), 1u);  // label 3 left the image
+    EXPECT_EQ(std::vector<float>({m1[0].x, m1[0].y, m1[0].fromX, m1[0].fromY}),
+              std::vector<float>({11, 6, 10.9f, 5.2f}));
+    EXPECT_EQ(m1[0].label, 7);
+    const auto m2 = motionOfTracks(tracks, 2, 16, 8);
+    ASSERT_EQ(m2.size(), 2u);
+    EXPECT_EQ(m2[1].label, 12);
+    EXPECT_EQ(m2[1].fromX, 6.0f);
+
+    EXPECT_FALSE(readTracks(folder.write("bad.dat", "1 1\n4 2 1 1 0\n"), tracks, problem));
+    EXPECT_FALSE(problem.empty());
+    EXPECT_FALSE(readTracks(folder / "missing.dat", tracks, problem));
+}
+
 TEST(TrackFile, KeepsOnlyPointsStrictlyInsideTheImage) {
     ScratchFolder folder("tracks");
     const Frame inside(

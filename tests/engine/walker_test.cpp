@@ -109,11 +109,12 @@ Frame texturedFrame(unsigned int w, unsigned int h) {
     return f;
 }
 
-std::vector<float> walkerCostMap(const Frame& f, unsigned int nLabels, const SegmentationSettings& settings) {
+std::vector<float> walkerCostMap(const Frame& f, unsigned int nLabels, const SegmentationSettings& settings,
+                                 const WalkerCarry& carry = {}) {
     Image image(upload(f.image, f.w, f.h));
     seg::ScopedArray<float, 2> labels(upload(f.labels, f.w, f.h));
     ScopedPDseg s(image.a);
-    prepareSegmentation(s, labels.a, static_cast<int>(nLabels), settings);
+    prepareSegmentation(s, labels.a, static_cast<int>(nLabels), settings, carry);
     return download(s.costMap);
 }
 
@@ -176,6 +177,34 @@ TEST_P(WalkerCost, FlatImageSingleLabelAndZeroWeight) {
     SegmentationSettings seedsOnly;
     const std::vector<float> indicator = walkerCostMap(one, 1, seedsOnly);
     EXPECT_EQ(walkerCostMap(one, 1, walkerSettings(0.0f)), indicator);
+}
+
+// A warm start changes where the conjugate gradients begin, not where they
+// end: from the solution itself next to no iteration is needed, and from a poor guess
+// (the solution mixed with its labels swapped) they reach the same costs.
+TEST_P(WalkerCost, AWarmStartEndsAtTheSameSolution) {
+    const Frame f = texturedFrame(37, 11);
+    const unsigned int nLabels = 3, n = f.w * f.h;
+    const SegmentationSettings settings = walkerSettings(1.0f);
+    seg::ScopedArray<float, 3> solution;
+    int coldIterations = 0, warmIterations = -1;
+    const std::vector<float> cold = walkerCostMap(f, nLabels, settings, {nullptr, &solution.a, &coldIterations});
+    EXPECT_GT(coldIterations, 5);
+
+    walkerCostMap(f, nLabels, settings, {&solution.a, nullptr, &warmIterations});
+    EXPECT_LE(warmIterations, 2);  // the residual recomputed in float sits at the tolerance
+
+    std::vector<float> guess = download(solution.a);
+    for (unsigned int i = 0; i < n; ++i) {
+        const float first = guess[i];
+        guess[i] = 0.5f * first + 0.5f * guess[n + i];
+        guess[n + i] = 0.5f * guess[n + i] + 0.5f * first;
+    }
+    seg::ScopedArray<float, 3> start(seg::deviceArray3D<float>(f.w, f.h, nLabels));
+    vela::arrayCopy(start.a, vela::arrayFromHostMemory(guess.data(), make_uint3(f.w, f.h, nLabels)));
+    const std::vector<float> warm = walkerCostMap(f, nLabels, settings, {&start.a, nullptr, &warmIterations});
+    EXPECT_GT(warmIterations, 0);
+    for (std::size_t i = 0; i < cold.size(); ++i) ASSERT_NEAR(warm[i], cold[i], 2e-3) << "element " << i;
 }
 
 INSTANTIATE_TEST_SUITE_P(HostPaths, WalkerCost, testing::Values(seg::HostSweep::Rows, seg::HostSweep::Threads));

@@ -1,0 +1,327 @@
+#include "src/video/motion.h"
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+#include <string>
+
+#include "src/block_sums.h"
+#include "src/engine_arrays.h"
+#include "vela/access.h"
+#include "vela/device/launch.h"
+
+namespace video {
+namespace {
+
+using vela::Array;
+using vela::device::Thread;
+
+constexpr const char* kSource = "src/video/motion";
+constexpr unsigned int kBlockX = 32, kBlockY = 8;
+constexpr int kCell = 8;               // pixels per side of a grid cell
+constexpr float kSigma = 12.0f;        // of the points' Gaussian weights, in pixels
+constexpr float kReach = 3.0f;         // points count within kReach * kSigma
+constexpr float kLeastWeight = 1e-4f;  // less total weight: no motion known
+
+// ---------------------------------------------------------------------------
+// Kernels
+// ---------------------------------------------------------------------------
+
+VELA_HD inline bool pixelOf(const Thread& t, unsigned int w, unsigned int h, unsigned int& x, unsigned int& y) {
+    x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+    y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+    return x < w && y < h;
+}
+
+// The weighted mean motion at each cell's centre and the weights' sum, from
+// the points first(layer) .. first(layer + 1) - 1 (a few thousand at most),
+// one grid layer per group of points.  points(i) = (x, y, fromX, fromY).
+struct cellMotion_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float4, 3> cells, Array<float4, 1> points,
+                            Array<int, 1> first) const {
+        unsigned int cx, cy;
+        if (!pixelOf(t, cells.extents.x, cells.extents.y, cx, cy)) return;
+        const unsigned int layer = t.blockIdx.z;
+        const float x = (static_cast<float>(cx) + 0.5f) * kCell, y = (static_cast<float>(cy) + 0.5f) * kCell;
+        const float reach2 = kReach * kReach * kSigma * kSigma;
+        float sx = 0.0f, sy = 0.0f, sw = 0.0f;
+        const int end = vela::at(first, layer + 1);
+        for (int i = vela::at(first, layer); i < end; ++i) {
+            const float4 p = vela::at(points, static_cast<unsigned int>(i));
+            const float dx = p.x - x, dy = p.y - y, d2 = dx * dx + dy * dy;
+            if (d2 > reach2) continue;
+            const float weight = expf(-d2 / (2.0f * kSigma * kSigma));
+            sx += weight * (p.x - p.z);
+            sy += weight * (p.y - p.w);
+            sw += weight;
+        }
+        vela::at(cells, cx, cy, layer) =
+            sw > kLeastWeight ? make_float4(sx / sw, sy / sw, sw, 0.0f) : make_float4(0.0f, 0.0f, 0.0f, 0.0f);
+    }
+};
+
+// A layer of cells read bilinearly at pixel (x, y), clamped at the outer
+// cells' centres: (motion x, motion y, weight).
+VELA_HD inline float4 cellsAt(const Array<float4, 3>& cells, unsigned int layer, unsigned int x, unsigned int y) {
+    const float gx = (static_cast<float>(x) + 0.5f) / kCell - 0.5f;
+    const float gy = (static_cast<float>(y) + 0.5f) / kCell - 0.5f;
+    const float maxX = static_cast<float>(cells.extents.x - 1), maxY = static_cast<float>(cells.extents.y - 1);
+    const float cx = fminf(fmaxf(gx, 0.0f), maxX), cy = fminf(fmaxf(gy, 0.0f), maxY);
+    const unsigned int x0 = static_cast<unsigned int>(cx), y0 = static_cast<unsigned int>(cy);
+    const unsigned int x1 = x0 + 1 < cells.extents.x ? x0 + 1 : x0, y1 = y0 + 1 < cells.extents.y ? y0 + 1 : y0;
+    const float fx = cx - static_cast<float>(x0), fy = cy - static_cast<float>(y0);
+    const float4 a = vela::at(cells, x0, y0, layer), b = vela::at(cells, x1, y0, layer);
+    const float4 c = vela::at(cells, x0, y1, layer), d = vela::at(cells, x1, y1, layer);
+    auto mix = [&](float va, float vb, float vc, float vd) {
+        return (1 - fy) * ((1 - fx) * va + fx * vb) + fy * ((1 - fx) * vc + fx * vd);
+    };
+    return make_float4(mix(a.x, b.x, c.x, d.x), mix(a.y, b.y, c.y, d.y), mix(a.z, b.z, c.z, d.z), 0.0f);
+}
+
+// All points' motion at every pixel.
+struct pixelMotion_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells) const {
+        unsigned int x, y;
+        if (!pixelOf(t, motion.extents.x, motion.extents.y, x, y)) return;
+        const float4 m = cellsAt(cells, 0, x, y);
+        vela::at(motion, x, y) = make_float2(m.x, m.y);
+    }
+};
+
+VELA_HD inline float2 operator*(float s, float2 v) { return make_float2(s * v.x, s * v.y); }
+VELA_HD inline float2 operator+(float2 a, float2 b) { return make_float2(a.x + b.x, a.y + b.y); }
+
+// Where pixel (x, y) came from, and the four pixels around that point with
+// their bilinear weights; false when it lies outside the image.
+struct Origin {
+    unsigned int x0 = 0, y0 = 0, x1 = 0, y1 = 0;
+    float w00 = 0.0f, w10 = 0.0f, w01 = 0.0f, w11 = 0.0f;
+
+    VELA_HD bool find(const Array<float2, 2>& motion, unsigned int x, unsigned int y) {
+        const float2 m = vela::at(motion, x, y);
+        const float sx = static_cast<float>(x) - m.x, sy = static_cast<float>(y) - m.y;
+        const float maxX = static_cast<float>(motion.extents.x - 1), maxY = static_cast<float>(motion.extents.y - 1);
+        if (!(sx >= 0.0f && sy >= 0.0f && sx <= maxX && sy <= maxY)) return false;
+        x0 = static_cast<unsigned int>(sx);
+        y0 = static_cast<unsigned int>(sy);
+        x1 = x0 + 1 < motion.extents.x ? x0 + 1 : x0;
+        y1 = y0 + 1 < motion.extents.y ? y0 + 1 : y0;
+        const float fx = sx - static_cast<float>(x0), fy = sy - static_cast<float>(y0);
+        w00 = (1 - fx) * (1 - fy);
+        w10 = fx * (1 - fy);
+        w01 = (1 - fx) * fy;
+        w11 = fx * fy;
+        return true;
+    }
+    template <class T>
+    VELA_HD T read(const Array<T, 3>& a, unsigned int layer) const {
+        return w00 * vela::at(a, x0, y0, layer) + w10 * vela::at(a, x1, y0, layer) + w01 * vela::at(a, x0, y1, layer) +
+               w11 * vela::at(a, x1, y1, layer);
+    }
+};
+
+// Each label's own motion where its tracks reach (weight above kLeastReach),
+// scored by how much of that label the frame before had at the origin it
+// gives; the best label's motion wins.  Layer 0 of `cells` holds all points'
+// motion (the fallback), layer j + 1 that of label j of `previous`.
+constexpr float kLeastReach = 0.05f;
+
+struct objectMotion_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells,
+                            Array<float, 3> previous) const {
+        unsigned int x, y;
+        if (!pixelOf(t, motion.extents.x, motion.extents.y, x, y)) return;
+        const float4 all = cellsAt(cells, 0, x, y);
+        float2 best = make_float2(all.x, all.y);
+        float bestScore = 0.0f;
+        for (unsigned int j = 0; j < previous.extents.z; ++j) {
+            const float4 m = cellsAt(cells, j + 1, x, y);
+            if (m.z < kLeastReach) continue;
+            vela::at(motion, x, y) = make_float2(m.x, m.y);
+            Origin o;
+            if (!o.find(motion, x, y)) continue;
+            const float score = o.read(previous, j);
+            if (score > bestScore) {
+                bestScore = score;
+                best = make_float2(m.x, m.y);
+            }
+        }
+        vela::at(motion, x, y) = best;
+    }
+};
+
+struct moveLayers_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float, 3> out, Array<float, 3> previous, Array<float2, 2> motion,
+                            Array<int, 1> from, int normalise, float outside) const {
+        unsigned int x, y;
+        if (!pixelOf(t, out.extents.x, out.extents.y, x, y)) return;
+        const unsigned int labels = out.extents.z;
+        Origin o;
+        const bool inside = o.find(motion, x, y);
+        float sum = 0.0f;
+        for (unsigned int k = 0; k < labels; ++k) {
+            const int source = vela::at(from, k);
+            const float v = !inside ? outside : source < 0 ? 0.0f : o.read(previous, static_cast<unsigned int>(source));
+            vela::at(out, x, y, k) = v;
+            sum += v;
+        }
+        if (!normalise) return;
+        for (unsigned int k = 0; k < labels; ++k) {
+            float& v = vela::at(out, x, y, k);
+            v = sum > 0.0f ? v / sum : 1.0f / static_cast<float>(labels);
+        }
+    }
+};
+
+struct moveDual_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float2, 3> out, Array<float2, 3> previous, Array<float2, 2> motion,
+                            Array<int, 1> from) const {
+        unsigned int x, y;
+        if (!pixelOf(t, out.extents.x, out.extents.y, x, y)) return;
+        Origin o;
+        const bool inside = o.find(motion, x, y);
+        for (unsigned int k = 0; k < out.extents.z; ++k) {
+            const int source = vela::at(from, k);
+            vela::at(out, x, y, k) =
+                inside && source >= 0 ? o.read(previous, static_cast<unsigned int>(source)) : make_float2(0.0f, 0.0f);
+        }
+    }
+};
+
+// |I(x, y) - I'(origin)| summed over the channels; the previous frame's
+// colour at the nearest pixel to the origin, or the pixel itself outside.
+struct MovedDifference {
+    static constexpr int N = 1;
+    Array<float4, 2> image, previous;
+    Array<float2, 2> motion;
+    VELA_HD void operator()(unsigned int x, unsigned int y, unsigned int, float* values) const {
+        const float2 m = vela::at(motion, x, y);
+        const float sx = static_cast<float>(x) - m.x + 0.5f, sy = static_cast<float>(y) - m.y + 0.5f;
+        unsigned int px = x, py = y;
+        if (sx >= 0.0f && sy >= 0.0f && sx < static_cast<float>(image.extents.x) &&
+            sy < static_cast<float>(image.extents.y)) {
+            px = static_cast<unsigned int>(sx);
+            py = static_cast<unsigned int>(sy);
+        }
+        const float4 a = vela::at(image, x, y), b = vela::at(previous, px, py);
+        values[0] = fabsf(a.x - b.x) + fabsf(a.y - b.y) + fabsf(a.z - b.z);
+    }
+};
+
+// ---------------------------------------------------------------------------
+// Host functions
+// ---------------------------------------------------------------------------
+
+void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
+
+dim3 block() { return dim3(kBlockX, kBlockY); }
+dim3 grid(unsigned int w, unsigned int h) {
+    return dim3(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
+}
+
+template <class T>
+vela::Array<T, 1> upload(std::vector<T> values, vela::ScopedArray<T, 1>& owner) {
+    owner.a = seg::deviceArray1D<T>(static_cast<unsigned int>(values.size()));
+    if (!values.empty())
+        vela::arrayCopy(owner.a, seg::hostView1D(values.data(), static_cast<unsigned int>(values.size())));
+    return owner.a;
+}
+
+template <class A, class B>
+void requireSameSize(const char* what, const A& a, const B& b) {
+    if (a.extents.x != b.extents.x || a.extents.y != b.extents.y)
+        throw std::runtime_error(std::string("video::") + what + ": the arrays differ in size");
+}
+
+// The cells of every group of points: layer 0 all points, then one layer per
+// group that `groupOf` (-1 for none) puts a point into.
+template <class GroupOf>
+vela::Array<float4, 3> groupCells(unsigned int w, unsigned int h, const std::vector<MotionPoint>& points,
+                                  unsigned int groups, GroupOf groupOf) {
+    std::vector<float4> packed;
+    std::vector<int> first(groups + 2, 0);
+    for (const MotionPoint& p : points) packed.push_back(make_float4(p.x, p.y, p.fromX, p.fromY));
+    first[1] = static_cast<int>(packed.size());
+    for (unsigned int g = 0; g < groups; ++g) {
+        for (const MotionPoint& p : points)
+            if (groupOf(p) == static_cast<int>(g)) packed.push_back(make_float4(p.x, p.y, p.fromX, p.fromY));
+        first[g + 2] = static_cast<int>(packed.size());
+    }
+    vela::ScopedArray<float4, 1> devicePoints;
+    vela::ScopedArray<int, 1> deviceFirst;
+    upload(packed, devicePoints);
+    upload(first, deviceFirst);
+    const unsigned int cw = vela::device::blocksFor(w, kCell), ch = vela::device::blocksFor(h, kCell);
+    vela::ScopedArray<float4, 3> cells(seg::deviceArray3D<float4>(cw, ch, groups + 1));
+    const dim3 g = grid(cw, ch);
+    vela::device::launch<cellMotion_kernel>(dim3(g.x, g.y, groups + 1), block(), nullptr, cells.a, devicePoints.a,
+                                            deviceFirst.a);
+    check(__LINE__);
+    const vela::Array<float4, 3> result = cells.a;
+    cells.a = vela::Array<float4, 3>{};
+    return result;
+}
+
+}  // namespace
+
+void denseMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points) {
+    const unsigned int w = motion.extents.x, h = motion.extents.y;
+    if (w == 0 || h == 0) return;
+    vela::ScopedArray<float4, 3> cells(groupCells(w, h, points, 0, [](const MotionPoint&) { return -1; }));
+    vela::device::launch<pixelMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a);
+    check(__LINE__);
+}
+
+void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points, const Array<float, 3>& previous,
+                  const std::vector<int>& previousLabels) {
+    const unsigned int w = motion.extents.x, h = motion.extents.y;
+    requireSameSize("objectMotion", previous, motion);
+    if (previousLabels.size() != previous.extents.z)
+        throw std::runtime_error("video::objectMotion: one label per layer of the labelling before");
+    if (w == 0 || h == 0) return;
+    const unsigned int labels = previous.extents.z;
+    vela::ScopedArray<float4, 3> cells(groupCells(w, h, points, labels, [&](const MotionPoint& p) {
+        const auto found = std::find(previousLabels.begin(), previousLabels.end(), p.label);
+        return found == previousLabels.end() ? -1 : static_cast<int>(found - previousLabels.begin());
+    }));
+    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous);
+    check(__LINE__);
+}
+
+void moveLayers(Array<float, 3>& out, const Array<float, 3>& previous, const Array<float2, 2>& motion,
+                const std::vector<int>& from, bool normalise, float outside) {
+    requireSameSize("moveLayers", out, motion);
+    requireSameSize("moveLayers", previous, motion);
+    if (from.size() != out.extents.z) throw std::runtime_error("video::moveLayers: one source per layer");
+    if (out.extents.z == 0 || out.extents.x == 0 || out.extents.y == 0) return;
+    vela::ScopedArray<int, 1> sources;
+    upload(from, sources);
+    vela::device::launch<moveLayers_kernel>(grid(out.extents.x, out.extents.y), block(), nullptr, out, previous, motion,
+                                            sources.a, normalise ? 1 : 0, outside);
+    check(__LINE__);
+}
+
+void moveLayers(Array<float2, 3>& out, const Array<float2, 3>& previous, const Array<float2, 2>& motion,
+                const std::vector<int>& from) {
+    requireSameSize("moveLayers", out, motion);
+    requireSameSize("moveLayers", previous, motion);
+    if (from.size() != out.extents.z) throw std::runtime_error("video::moveLayers: one source per layer");
+    if (out.extents.z == 0 || out.extents.x == 0 || out.extents.y == 0) return;
+    vela::ScopedArray<int, 1> sources;
+    upload(from, sources);
+    vela::device::launch<moveDual_kernel>(grid(out.extents.x, out.extents.y), block(), nullptr, out, previous, motion,
+                                          sources.a);
+    check(__LINE__);
+}
+
+double movedColourDifference(const Array<float4, 2>& image, const Array<float4, 2>& previous,
+                             const Array<float2, 2>& motion) {
+    requireSameSize("movedColourDifference", image, previous);
+    requireSameSize("movedColourDifference", image, motion);
+    const unsigned int w = image.extents.x, h = image.extents.y;
+    if (w == 0 || h == 0) return 0.0;
+    const double sum = seg::pixelSums(MovedDifference{image, previous, motion}, w, h).of[0][0];
+    return sum / (3.0 * w * h);
+}
+
+}  // namespace video

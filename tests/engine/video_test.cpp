@@ -1,0 +1,288 @@
+// Frames that start from the one before: the motion the tracks give, the
+// previous frame's layers moved along it, and the state a whole-folder run
+// carries from frame to frame.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "engine_test_util.h"
+#include "src/video/motion.h"
+#include "src/video/temporal.h"
+
+namespace {
+
+using namespace enginetest;
+using video::MotionPoint;
+
+// The motion (mx, my) of pixel (x, y) in the tests' fields: varied, partly
+// pointing outside the image.
+float2 motionAt(unsigned int x, unsigned int y) {
+    return make_float2(1.25f + 0.5f * static_cast<float>(x % 3), -0.75f + 0.25f * static_cast<float>(y % 4));
+}
+
+// Bilinear read of layer l of a W x H x L' host array at (sx, sy).
+template <class T>
+T bilinear(const std::vector<T>& a, unsigned int w, unsigned int h, unsigned int l, float sx, float sy) {
+    const unsigned int x0 = static_cast<unsigned int>(sx), y0 = static_cast<unsigned int>(sy);
+    const unsigned int x1 = std::min(x0 + 1, w - 1), y1 = std::min(y0 + 1, h - 1);
+    const float fx = sx - x0, fy = sy - y0;
+    auto at = [&](unsigned int x, unsigned int y) { return a[(static_cast<std::size_t>(l) * h + y) * w + x]; };
+    auto mix = [&](float a00, float a10, float a01, float a11) {
+        return (1 - fx) * (1 - fy) * a00 + fx * (1 - fy) * a10 + (1 - fx) * fy * a01 + fx * fy * a11;
+    };
+    if constexpr (std::is_same_v<T, float>) {
+        return mix(at(x0, y0), at(x1, y0), at(x0, y1), at(x1, y1));
+    } else {
+        return make_float2(mix(at(x0, y0).x, at(x1, y0).x, at(x0, y1).x, at(x1, y1).x),
+                           mix(at(x0, y0).y, at(x1, y0).y, at(x0, y1).y, at(x1, y1).y));
+    }
+}
+
+// 37 x 11: two blocks across and two down, both partial.
+TEST(MoveLayers, EachLayerIsReadAtThePixelsOriginLikeAPlainLoop) {
+    const unsigned int w = 37, h = 11, before = 3, now = 3;
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    std::vector<float> previous(w * h * before);
+    std::vector<float2> previousDual(w * h * before);
+    for (float& v : previous) v = unit(rng);
+    for (float2& v : previousDual) v = make_float2(unit(rng) - 0.5f, unit(rng) - 0.5f);
+    std::vector<float2> field(w * h);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) field[y * w + x] = motionAt(x, y);
+    const std::vector<int> from = {2, -1, 0};  // layer 1 is a label the frame before lacked
+
+    seg::ScopedArray<float, 3> prev(seg::deviceArray3D<float>(w, h, before)), out(seg::deviceArray3D<float>(w, h, now));
+    seg::ScopedArray<float2, 3> prevDual(seg::deviceArray3D<float2>(w, h, before)),
+        outDual(seg::deviceArray3D<float2>(w, h, now));
+    vela::arrayCopy(prev.a, vela::arrayFromHostMemory(previous.data(), make_uint3(w, h, before)));
+    vela::arrayCopy(prevDual.a, vela::arrayFromHostMemory(previousDual.data(), make_uint3(w, h, before)));
+    seg::ScopedArray<float2, 2> motion(upload(field, w, h));
+
+    for (bool normalise : {false, true}) {
+        video::moveLayers(out.a, prev.a, motion.a, from, normalise, 0.25f);
+        const std::vector<float> moved = download(out.a);
+        int outside = 0;
+        for (unsigned int y = 0; y < h; ++y)
+            for (unsigned int x = 0; x < w; ++x) {
+                const float sx = x - motionAt(x, y).x, sy = y - motionAt(x, y).y;
+                const bool inside = sx >= 0 && sy >= 0 && sx <= w - 1 && sy <= h - 1;
+                outside += !inside;
+                std::vector<float> want(now);
+                float sum = 0;
+                for (unsigned int k = 0; k < now; ++k) {
+                    want[k] = !inside ? 0.25f : from[k] < 0 ? 0.0f : bilinear(previous, w, h, from[k], sx, sy);
+                    sum += want[k];
+                }
+                for (unsigned int k = 0; k < now; ++k) {
+                    const float expected = normalise ? want[k] / sum : want[k];
+                    ASSERT_NEAR(moved[(k * h + y) * w + x], expected, 1e-5)
+                        << "pixel " << x << ", " << y << ", layer " << k << (normalise ? ", normalised" : "");
+                }
+            }
+        EXPECT_GT(outside, 0);  // the border case is met
+    }
+
+    video::moveLayers(outDual.a, prevDual.a, motion.a, from);
+    const std::vector<float2> movedDual = download(outDual.a);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            const float sx = x - motionAt(x, y).x, sy = y - motionAt(x, y).y;
+            const bool inside = sx >= 0 && sy >= 0 && sx <= w - 1 && sy <= h - 1;
+            for (unsigned int k = 0; k < now; ++k) {
+                const float2 want =
+                    inside && from[k] >= 0 ? bilinear(previousDual, w, h, from[k], sx, sy) : make_float2(0.0f, 0.0f);
+                const float2 got = movedDual[(k * h + y) * w + x];
+                ASSERT_NEAR(got.x, want.x, 1e-5);
+                ASSERT_NEAR(got.y, want.y, 1e-5);
+            }
+        }
+
+    EXPECT_THROW(video::moveLayers(out.a, prev.a, motion.a, {0, 1}, false, 0.0f), std::runtime_error);
+}
+
+std::vector<MotionPoint> gridOfPoints(unsigned int x0, unsigned int x1, unsigned int h, float2 m, int label) {
+    std::vector<MotionPoint> points;
+    for (unsigned int y = 4; y < h; y += 8)
+        for (unsigned int x = x0 + 4; x < x1; x += 8)
+            points.push_back({float(x), float(y), float(x) - m.x, float(y) - m.y, label});
+    return points;
+}
+
+float2 motionOfPixel(const std::vector<float2>& field, unsigned int w, unsigned int x, unsigned int y) {
+    return field[y * w + x];
+}
+
+// Points moving alike give that motion wherever they reach, and no motion
+// beyond; objects moving apart each get their own motion up to their edges.
+TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
+    {
+        const unsigned int w = 64, h = 48;
+        seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
+        video::denseMotion(field.a, gridOfPoints(0, w, h, make_float2(3, -2), 0));
+        for (const float2& m : download(field.a)) {
+            ASSERT_NEAR(m.x, 3.0f, 1e-4);
+            ASSERT_NEAR(m.y, -2.0f, 1e-4);
+        }
+    }
+    {
+        const unsigned int w = 200, h = 100;
+        seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
+        video::denseMotion(field.a, {{5, 5, 3, 4, 0}});
+        const std::vector<float2> m = download(field.a);
+        EXPECT_NEAR(motionOfPixel(m, w, 5, 5).x, 2.0f, 1e-4);
+        EXPECT_EQ(motionOfPixel(m, w, 190, 90).x, 0.0f);  // out of every point's reach
+        EXPECT_EQ(motionOfPixel(m, w, 190, 90).y, 0.0f);
+    }
+    {
+        // Label 7 on the left half moving left, label 3 on the right half
+        // moving right: the frame before's relaxed labelling in two layers.
+        const unsigned int w = 96, h = 64;
+        std::vector<float> before(w * h * 2);
+        for (unsigned int y = 0; y < h; ++y)
+            for (unsigned int x = 0; x < w; ++x) {
+                before[y * w + x] = x < 48 ? 1.0f : 0.0f;
+                before[(h + y) * w + x] = x < 48 ? 0.0f : 1.0f;
+            }
+        std::vector<MotionPoint> points = gridOfPoints(0, 44, h, make_float2(-4, 0), 7);
+        const std::vector<MotionPoint> right = gridOfPoints(52, w, h, make_float2(4, 0), 3);
+        points.insert(points.end(), right.begin(), right.end());
+        seg::ScopedArray<float, 3> previous(seg::deviceArray3D<float>(w, h, 2));
+        vela::arrayCopy(previous.a, vela::arrayFromHostMemory(before.data(), make_uint3(w, h, 2)));
+        seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
+        video::objectMotion(field.a, points, previous.a, {7, 3});
+        const std::vector<float2> m = download(field.a);
+        for (unsigned int y : {2u, 30u, 61u}) {
+            EXPECT_NEAR(motionOfPixel(m, w, 40, y).x, -4.0f, 1e-3) << "row " << y;  // came from 44: label 7
+            EXPECT_NEAR(motionOfPixel(m, w, 56, y).x, 4.0f, 1e-3) << "row " << y;   // came from 52: label 3
+            // Uncovered between them: neither object lands there, all points' mean.
+            EXPECT_LT(std::abs(motionOfPixel(m, w, 48, y).x), 4.0f - 1e-3) << "row " << y;
+        }
+        EXPECT_THROW(video::objectMotion(field.a, points, previous.a, {7}), std::runtime_error);
+    }
+}
+
+std::vector<float4> texture(unsigned int w, unsigned int h, unsigned int seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> value(0.0f, 255.0f);
+    std::vector<float4> image(w * h);
+    for (float4& c : image) c = make_float4(value(rng), value(rng), value(rng), 0.0f);
+    return image;
+}
+
+TEST(Motion, ColourDifferenceIsSmallAlongTheMotionAndLargeAcrossACut) {
+    const unsigned int w = 40, h = 30;
+    const std::vector<float4> before = texture(w, h, 1);
+    std::vector<float4> now(w * h);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) now[y * w + x] = before[((y + h - 1) % h) * w + (x + w - 2) % w];
+    Image a(upload(now, w, h)), b(upload(before, w, h)), other(upload(texture(w, h, 2), w, h));
+    seg::ScopedArray<float2, 2> moving(upload(std::vector<float2>(w * h, make_float2(2, 1)), w, h));
+    seg::ScopedArray<float2, 2> still(upload(std::vector<float2>(w * h, make_float2(0, 0)), w, h));
+    const double along = video::movedColourDifference(a.a, b.a, moving.a);
+    EXPECT_LT(along, 15.0);  // only the two borders the motion uncovers differ
+    EXPECT_GT(video::movedColourDifference(a.a, b.a, still.a), video::kCutDifference);
+    EXPECT_GT(video::movedColourDifference(other.a, b.a, moving.a), video::kCutDifference);
+    EXPECT_EQ(video::movedColourDifference(b.a, b.a, still.a), 0.0);
+}
+
+// A square of one colour on another, at column `left`; seeds of label 0 on the
+// background and label 1 inside the square.
+struct SquareFrame {
+    static constexpr unsigned int w = 48, h = 32, size = 12;
+    std::vector<float4> image = std::vector<float4>(w * h);
+    std::vector<float> seeds = std::vector<float>(w * h, -1.0f);
+    explicit SquareFrame(unsigned int left, bool inverted = false) {
+        for (unsigned int y = 0; y < h; ++y)
+            for (unsigned int x = 0; x < w; ++x) {
+                const bool in = x >= left && x < left + size && y >= 10 && y < 10 + size;
+                const float v = (in != inverted) ? 200.0f : 40.0f;
+                image[y * w + x] = make_float4(v, v * 0.5f, 255.0f - v, 0.0f);
+            }
+        seeds[2 * w + 2] = 0;
+        seeds[(h - 3) * w + (w - 3)] = 0;
+        seeds[(10 + size / 2) * w + left + size / 2] = 1;
+    }
+};
+
+// The tracks of SquareFrame: one on the square, two on the background.
+std::vector<MotionPoint> squareMotion(unsigned int from, unsigned int to) {
+    return {{float(to + 6), 16, float(from + 6), 16, 1}, {2, 2, 2, 2, 0}, {45, 29, 45, 29, 0}};
+}
+
+struct VideoRun {
+    SegmentationSettings settings;
+    video::VideoState state;
+    VideoRun() {
+        settings.lambda = 100.0f;
+        settings.maxiter = 200;
+        settings.temporal = 1;
+    }
+    // Segments one frame; returns the hard labelling's layer 1 and the cost map.
+    std::vector<float> frame(const SquareFrame& f, const std::vector<MotionPoint>& motion, std::vector<int> ids,
+                             std::vector<float>* costs = nullptr) {
+        Image image(upload(f.image, f.w, f.h));
+        seg::ScopedArray<float, 2> labels(upload(f.seeds, f.w, f.h));
+        ScopedPDseg s(image.a);
+        state.prepare(s, labels.a, 2, ids, motion, settings);
+        if (costs) *costs = download(s.costMap);
+        s.run();
+        state.keep(s);
+        const std::vector<float> u = download(s.u);
+        return std::vector<float>(u.begin() + f.w * f.h, u.end());
+    }
+};
+
+TEST(VideoState, CarriesAMovingSquareAndStartsAfreshAtACut) {
+    VideoRun run;
+    const SquareFrame first(10), second(13), cut(13, true);
+    run.frame(first, {}, {4, 9});
+    EXPECT_FALSE(run.state.continued());
+
+    std::vector<float> costs;
+    const std::vector<float> square = run.frame(second, squareMotion(10, 13), {4, 9}, &costs);
+    EXPECT_TRUE(run.state.continued());
+    const unsigned int w = SquareFrame::w, h = SquareFrame::h;
+    // The square, to within a pixel of its edges (where the edge weights lie
+    // between two pixels).
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            const bool in = x >= 14 && x < 24 && y >= 11 && y < 21;
+            const bool out = x < 12 || x >= 26 || y < 9 || y >= 23;
+            if (in || out) {
+                ASSERT_EQ(square[y * w + x], in ? 1.0f : 0.0f) << x << ", " << y;
+            }
+        }
+    // The seeds keep their own costs; elsewhere the moved labelling adds up to
+    // temporalWeight to the labels the frame before did not have there.
+    const unsigned int seedInside = 16 * w + 19, deepInside = 12 * w + 15, background = 28 * w + 40;
+    EXPECT_EQ(costs[seedInside], 1.0f);
+    EXPECT_EQ(costs[w * h + seedInside], 0.0f);
+    EXPECT_NEAR(costs[deepInside], run.settings.temporalWeight, 1e-3);
+    EXPECT_NEAR(costs[w * h + deepInside], 0.0f, 1e-3);
+    EXPECT_NEAR(costs[background], 0.0f, 1e-3);
+    EXPECT_NEAR(costs[w * h + background], run.settings.temporalWeight, 1e-3);
+
+    // The labels swap their ids: each layer follows its track label, so the
+    // square, label id 9, is now layer 0.
+    std::vector<float> swapped;
+    const std::vector<float> layer1 = run.frame(second, squareMotion(13, 13), {9, 4}, &swapped);
+    EXPECT_TRUE(run.state.continued());
+    EXPECT_NEAR(swapped[deepInside], 0.0f, 1e-3);
+    EXPECT_NEAR(swapped[w * h + deepInside], run.settings.temporalWeight, 1e-3);
+    EXPECT_EQ(layer1[deepInside], 0.0f);
+
+    run.frame(cut, squareMotion(13, 13), {9, 4});
+    EXPECT_FALSE(run.state.continued());
+    run.frame(second, {}, {4, 9});  // no track continues
+    EXPECT_FALSE(run.state.continued());
+    run.frame(second, squareMotion(13, 13), {4, 9});
+    EXPECT_TRUE(run.state.continued());
+    run.state.reset();
+    run.frame(second, squareMotion(13, 13), {4, 9});
+    EXPECT_FALSE(run.state.continued());
+}
+
+}  // namespace
