@@ -37,6 +37,7 @@
 #include "src/settings.h"
 #include "src/solver/simplex.h"
 #include "src/tracks.h"
+#include "src/video/temporal.h"
 #include "vela/algorithms/conversion.h"
 #include "vela/algorithms/scalar_cast.h"
 #include "vela/device/runtime.h"
@@ -55,6 +56,9 @@ std::mutex engineMutex;
 using Image = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
 using Indices = nb::ndarray<const std::int32_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
 using Layers = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
+using Points = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
+using Visible = nb::ndarray<const std::uint8_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
+using TrackLabels = nb::ndarray<const std::int32_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 // One configuration entry: type letter ("i", "f", "c" or "s"), key, value.
 using Entry = std::tuple<std::string, std::string, nb::object>;
 
@@ -184,11 +188,9 @@ SegmentationSettings settingsOf(const std::vector<Entry>& entries) {
     return settings;
 }
 
-// The hard labelling of run() (one 1 per pixel among its labels) as label
-// indices, and the relaxed one beside it when asked for.
-nb::object labellingResult(const std::vector<float>& hard, std::vector<float>&& relaxed, std::size_t h, std::size_t w,
-                           int numLabels, bool returnRelaxed) {
-    const std::size_t plane = h * w;
+// The hard labelling of run() (one 1 per pixel among its labels, L x plane)
+// as label indices.
+std::vector<std::int32_t> labelIndices(const std::vector<float>& hard, std::size_t plane, int numLabels) {
     std::vector<std::int32_t> result(plane);
     for (std::size_t i = 0; i < plane; ++i) {
         std::int32_t best = 0;
@@ -196,6 +198,14 @@ nb::object labellingResult(const std::vector<float>& hard, std::vector<float>&& 
             if (hard[l * plane + i] > hard[best * plane + i]) best = l;
         result[i] = best;
     }
+    return result;
+}
+
+// The label indices of the hard labelling, and the relaxed one beside them
+// when asked for.
+nb::object labellingResult(const std::vector<float>& hard, std::vector<float>&& relaxed, std::size_t h, std::size_t w,
+                           int numLabels, bool returnRelaxed) {
+    std::vector<std::int32_t> result = labelIndices(hard, h * w, numLabels);
     nb::object labels = nb::cast(ownedArray(std::move(result), {h, w}));
     if (!returnRelaxed) return labels;
     nb::object layers = nb::cast(ownedArray(std::move(relaxed), {static_cast<std::size_t>(numLabels), h, w}));
@@ -375,6 +385,80 @@ nb::object refine(const Image& image, const Layers& probabilities, const std::ve
     return labellingResult(hard, std::move(relaxed), h, w, static_cast<int>(L), returnRelaxed);
 }
 
+// A video, frame after frame, as the program's whole-folder mode runs it: each
+// frame's seeds from the tracks by the program's rule, and with "temporal 1"
+// among the entries each frame starting from the one before.  The tracks come
+// as arrays: points (T x N x 2, x and y), visible (T x N) and their labels (N).
+// Returns T x H x W int32 track labels (-1 throughout a frame without seeds)
+// and, per frame, whether it started from the one before.
+std::tuple<nb::ndarray<nb::numpy, std::int32_t>, std::vector<bool>> segmentVideo(const std::vector<Image>& frames,
+                                                                                 const Points& points,
+                                                                                 const Visible& visible,
+                                                                                 const TrackLabels& trackLabels,
+                                                                                 const std::vector<Entry>& entries) {
+    const std::size_t T = frames.size(), N = trackLabels.shape(0);
+    if (T < 1) throw nb::value_error("frames must hold at least one frame");
+    const std::size_t h = frames[0].shape(0), w = frames[0].shape(1);
+    if (h < 1 || w < 1) throw nb::value_error("frames must not be empty");
+    for (const Image& frame : frames) requireImage(frame, h, w);
+    if (points.shape(0) != T || points.shape(1) != N || points.shape(2) != 2)
+        throw nb::value_error("points must be T x N x 2, one row per frame and track");
+    if (visible.shape(0) != T || visible.shape(1) != N) throw nb::value_error("visible must be T x N like points");
+    std::vector<TrackPoints> tracks(N);
+    for (std::size_t n = 0; n < N; ++n) {
+        const std::int32_t label = trackLabels.data()[n];
+        if (label < 0 || label >= kTrackLabelLimit)
+            throw nb::value_error(("track labels must be from 0 to " + std::to_string(kTrackLabelLimit - 1)).c_str());
+        tracks[n].label = label;
+        for (std::size_t t = 0; t < T; ++t)
+            if (visible.data()[t * N + n])
+                tracks[n].points.push_back(make_float3(points.data()[(t * N + n) * 2],
+                                                       points.data()[(t * N + n) * 2 + 1], static_cast<float>(t)));
+    }
+    const SegmentationSettings settings = settingsOf(entries);
+
+    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+    const std::size_t plane = w * h;
+    std::vector<std::int32_t> result(T * plane, -1);
+    std::vector<bool> continued(T, false);
+    {
+        nb::gil_scoped_release released;
+        std::lock_guard<std::mutex> lock(engineMutex);
+        video::VideoState state;
+        for (std::size_t t = 0; t < T; ++t) {
+            const unsigned int frameIndex = static_cast<unsigned int>(t);
+            std::vector<float> seeds(plane, -1.0f);
+            vela::Array<float, 2> seedView = vela::arrayFromHostMemory(seeds.data(), make_uint2(W, H));
+            std::vector<int> labelIds;
+            const int numLabels =
+                seedsOfTracks(tracks, frameIndex, static_cast<int>(W), static_cast<int>(H), seedView, labelIds);
+            if (numLabels < 1) {
+                state.reset();
+                continue;
+            }
+            requireAddressable(w, h, static_cast<std::size_t>(numLabels));
+            vela::ScopedArray<float4, 2> frame(deviceImage(frames[t].data(), W, H));
+            vela::ScopedArray<float, 2> labels(vela::mallocDeviceArray<float>(make_uint2(W, H), vela::PITCHED_LAYOUT));
+            vela::arrayCopy(labels.a, seedView);
+            PDseg seg(frame.a);
+            ColourTablesOfFrame tables{seg};
+            if (settings.temporal == 1)
+                state.prepare(seg, labels.a, numLabels, labelIds,
+                              motionOfTracks(tracks, frameIndex, static_cast<int>(W), static_cast<int>(H)), settings);
+            else
+                prepareSegmentation(seg, labels.a, numLabels, settings);
+            seg.run();
+            if (settings.temporal == 1) {
+                state.keep(seg);
+                continued[t] = state.continued();
+            }
+            const std::vector<std::int32_t> indices = labelIndices(readLayers(seg.u), plane, numLabels);
+            for (std::size_t i = 0; i < plane; ++i) result[t * plane + i] = labelIds[indices[i]];
+        }
+    }
+    return {ownedArray(std::move(result), {T, h, w}), continued};
+}
+
 std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::numpy, std::uint8_t>>> render(
     const Indices& labels, const std::vector<int>& labelIds, std::optional<Image> image, float alpha) {
     const std::size_t h = labels.shape(0), w = labels.shape(1);
@@ -445,6 +529,10 @@ NB_MODULE(_core, m) {
     m.def("refine", &refine, nb::arg("image"), nb::arg("probabilities"), nb::arg("entries"), nb::arg("return_relaxed"),
           "Runs the solver on the costs of float32 L x H x W per-label probabilities with the settings of "
           "configuration entries.");
+    m.def("segment_video", &segmentVideo, nb::arg("frames"), nb::arg("points"), nb::arg("visible"),
+          nb::arg("track_labels"), nb::arg("entries"),
+          "Segments a sequence of float32 H x W x 3 frames from tracks (T x N x 2 float32 points, T x N uint8 "
+          "visibility, N int32 labels), frame after frame as the program's whole-folder mode does.");
     m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),
           "The colour picture of a labelling and, given the image, its overlay.");
 }

@@ -6,9 +6,10 @@ present, otherwise on the CPU.  A frame segmented here gives exactly the label
 map the program computes with the same settings.
 
 :func:`segment` turns sparse seeds into a labelling, with the recommended
-settings (:data:`RECOMMENDED`) unless told otherwise; :func:`refine` cleans up
-per-label probabilities from any other method with the engine's edge-weighted
-total variation.
+settings (:data:`RECOMMENDED`) unless told otherwise; :func:`segment_video`
+does it for the frames of a video from its tracks, each frame starting from
+the one before; :func:`refine` cleans up per-label probabilities from any
+other method with the engine's edge-weighted total variation.
 
 Examples
 --------
@@ -43,6 +44,7 @@ __all__ = [
     "render",
     "seeds_from_tracks",
     "segment",
+    "segment_video",
     "write_tracks",
 ]
 
@@ -85,8 +87,14 @@ _SETTINGS = (
     ("seed_check_fit", "f", "seedCheckFit", 0.0, False),
     ("colour_weight", "f", "colourWeight", 0.0, False),
 )
-_ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS}
-_KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS}
+# The settings of a video only (segment_video()), in the same form.
+_VIDEO_SETTINGS = (
+    ("temporal", "i", "temporal", 1, False),
+    ("temporal_weight", "f", "temporalWeight", 0.3, False),
+    ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.0, False),
+)
+_ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
+_KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
 _SOLVER_KEYWORDS = tuple(keyword for keyword, _, _, _, solver in _SETTINGS if solver)
 # The engine reads "lambda" and "maxiter" unchecked, as the program always has;
 # the package refuses negative iterations itself.
@@ -256,6 +264,33 @@ def _probabilities(name: str, array, shape: Tuple[int, int]) -> np.ndarray:
         largest = array.max(axis=0, keepdims=True)
         array = np.divide(array, largest, out=np.zeros_like(array), where=largest > 0)
     return np.ascontiguousarray(array, dtype=np.float32)
+
+
+def _tracks(points, visible, track_labels) -> Tuple[np.ndarray, np.ndarray, np.ndarray]:
+    """Tracks as write_tracks() takes them, checked: float64 points, their
+    visibility and the labels."""
+    xy = np.asarray(points)
+    if xy.dtype.kind not in "iuf":
+        raise TypeError(f"points must hold numbers, got {xy.dtype}")
+    if xy.ndim != 3 or xy.shape[2] != 2:
+        raise ValueError(f"points must be T x N x 2 (x, y), got shape {xy.shape}")
+    frames, tracks = xy.shape[:2]
+    seen = np.asarray(visible)
+    if seen.dtype != np.bool_:
+        raise TypeError(f"visible must hold booleans, got {seen.dtype}")
+    if seen.shape != (frames, tracks):
+        raise ValueError(f"visible must be T x N like points, {(frames, tracks)}, got {seen.shape}")
+    ids = np.asarray(track_labels)
+    if ids.dtype.kind not in "iu":
+        raise TypeError(f"track_labels must hold integers, got {ids.dtype}")
+    if ids.shape != (tracks,):
+        raise ValueError(f"track_labels must hold N = {tracks} labels, got shape {ids.shape}")
+    if tracks and (ids.min() < 0 or ids.max() >= TRACK_LABEL_LIMIT):
+        raise ValueError(f"track_labels must be from 0 to {TRACK_LABEL_LIMIT - 1}")
+    xy = xy.astype(np.float64)
+    if not np.isfinite(xy[seen]).all():
+        raise ValueError("points must be finite where visible")
+    return xy, seen, ids
 
 
 # --- functions ----------------------------------------------------------------
@@ -537,6 +572,78 @@ def segment(
     return _core.segment(frame, indices, num_labels, entries, bool(return_relaxed))
 
 
+def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarray:
+    """Segments the frames of a video from labelled point tracks, each frame
+    starting from the one before.
+
+    Runs the engine over the frames in order, as the program's whole-folder
+    mode does: each frame's seeds are the points of its tracks (by the rule of
+    :func:`seeds_from_tracks`), and, with ``temporal=1`` (the default here),
+    the previous frame's answer, moved along the tracks' motion, is where the
+    solver starts and a weak extra cost where this frame has no seed.  A
+    frame unlike the one before (a cut), a frame after one without seeds, and
+    labels new to a frame start afresh.
+
+    Parameters
+    ----------
+    frames : sequence of array_like
+        T images of one size, each as :func:`segment` takes it (or a
+        T x H x W x 3 array).
+    points, visible, track_labels : array_like
+        The tracks as :func:`write_tracks` takes them: T x N x 2 positions
+        (x, y), T x N booleans and N track labels from 0 to
+        ``TRACK_LABEL_LIMIT - 1``.
+    temporal : int, optional
+        1 (default): carry each frame into the next; 0: every frame afresh,
+        as :func:`segment` would segment it (``temporal``).
+    temporal_weight : float, optional
+        Weight of the moved previous labelling as a cost, 0 to 1e6
+        (``temporalWeight``).
+    temporal_walker_tolerance : float, optional
+        0 (default): the walker solves every frame afresh; above 0, it starts
+        from the previous frame's probabilities, moved, and stops at this
+        relative residual: faster, less steady (``temporalWalkerTolerance``).
+    **settings
+        Any keyword of :func:`segment` but `num_labels` and
+        `return_relaxed`; by default the recommended settings, as there.
+
+    Returns
+    -------
+    labels : numpy.ndarray
+        T x H x W int32: the track label of every pixel of every frame, -1
+        throughout a frame without seeds.
+
+    Raises
+    ------
+    TypeError, ValueError
+        As :func:`segment` and :func:`write_tracks` raise them; also for an
+        unknown keyword.
+    """
+    unknown = sorted(set(settings) - set(_ENTRY_OF))
+    if unknown:
+        raise TypeError(f"segment_video() got unexpected keyword arguments {unknown}")
+    video_defaults = {keyword: default for keyword, _, _, default, _ in _VIDEO_SETTINGS}
+    entries = _entries({**_DEFAULTS, **video_defaults, **settings})
+    if isinstance(frames, np.ndarray) and frames.ndim == 4:
+        frames = list(frames)
+    frames = [_image(frame, f"frames[{t}]") for t, frame in enumerate(frames)]
+    if not frames:
+        raise ValueError("frames must hold at least one frame")
+    if any(frame.shape != frames[0].shape for frame in frames):
+        raise ValueError(f"frames must all have one size, the first's {frames[0].shape[:2]}")
+    xy, seen, ids = _tracks(points, visible, track_labels)
+    if xy.shape[0] != len(frames):
+        raise ValueError(f"points must hold one row per frame: {len(frames)} frames, {xy.shape[0]} rows")
+    labels, _ = _core.segment_video(
+        frames,
+        np.ascontiguousarray(xy, dtype=np.float32),
+        np.ascontiguousarray(seen, dtype=np.uint8),
+        np.ascontiguousarray(ids, dtype=np.int32),
+        entries,
+    )
+    return labels
+
+
 def refine(
     image,
     probabilities,
@@ -732,28 +839,8 @@ def write_tracks(path: PathLike, points, visible, track_labels) -> None:
         The file cannot be written.
     """
     path = os.fspath(path)
-    xy = np.asarray(points)
-    if xy.dtype.kind not in "iuf":
-        raise TypeError(f"points must hold numbers, got {xy.dtype}")
-    if xy.ndim != 3 or xy.shape[2] != 2:
-        raise ValueError(f"points must be T x N x 2 (x, y), got shape {xy.shape}")
+    xy, seen, ids = _tracks(points, visible, track_labels)
     frames, tracks = xy.shape[:2]
-    seen = np.asarray(visible)
-    if seen.dtype != np.bool_:
-        raise TypeError(f"visible must hold booleans, got {seen.dtype}")
-    if seen.shape != (frames, tracks):
-        raise ValueError(f"visible must be T x N like points, {(frames, tracks)}, got {seen.shape}")
-    ids = np.asarray(track_labels)
-    if ids.dtype.kind not in "iu":
-        raise TypeError(f"track_labels must hold integers, got {ids.dtype}")
-    if ids.shape != (tracks,):
-        raise ValueError(f"track_labels must hold N = {tracks} labels, got shape {ids.shape}")
-    if tracks and (ids.min() < 0 or ids.max() >= TRACK_LABEL_LIMIT):
-        raise ValueError(f"track_labels must be from 0 to {TRACK_LABEL_LIMIT - 1}")
-    xy = xy.astype(np.float64)
-    if not np.isfinite(xy[seen]).all():
-        raise ValueError("points must be finite where visible")
-
     lines = [f"{frames}", f"{tracks}"]
     for n in range(tracks):
         ts = np.flatnonzero(seen[:, n])

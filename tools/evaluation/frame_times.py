@@ -23,23 +23,27 @@ from evaluation import run  # noqa: E402
 
 def frame_times(program: Path, folder: Path, config: Path) -> dict[str, float]:
     """Seconds: `start` until the first frame is announced, `frames` each
-    frame's, `export` the track export's."""
+    frame's, `export` the track export's, `solver` each frame's solver run
+    (the guided filter and the iterations)."""
     lines = [l.strip() for l in config.read_text().splitlines() if l.strip()]
     (folder / "timed.cfg").write_text("\n".join(lines + list(run.FOLDER_LINES)) + "\n")
     first = run.frame_paths(folder)[0].name
     start = time.perf_counter()
     proc = subprocess.Popen([str(program), "timed.cfg", first, "tracks.dat", "-1", "timed"], cwd=folder,
                             stdout=subprocess.PIPE, text=True, bufsize=1)
-    marks = []
+    marks, solver = [], []
     assert proc.stdout is not None
     for line in proc.stdout:
         if line.startswith("processing ") or line.startswith("write track file"):
             marks.append(time.perf_counter() - start)
+        elif line.startswith("PDseg::run() "):  # the solver's own timer: "PDseg::run()  : 155.4 msec (1 interval)"
+            value, unit = line.split(":")[1].split()[:2]
+            solver.append(float(value) / (1000.0 if unit == "msec" else 1.0))
     if proc.wait() != 0:
         raise RuntimeError(f"{program} failed in {folder}")
     end = time.perf_counter() - start
     return {"start": marks[0], "frames": [b - a for a, b in zip(marks, marks[1:])],
-            "export": end - marks[-1]}
+            "export": end - marks[-1], "solver": solver}
 
 
 def main() -> int:
@@ -48,7 +52,8 @@ def main() -> int:
     t = frame_times(program.resolve(), folder, config)
     frames = t["frames"]
     print(f"{config.stem}: start-up {t['start']:.3f} s; per frame median {1000 * statistics.median(frames):.1f} ms, "
-          f"min {1000 * min(frames):.1f} ms over {len(frames)} frames; track export {t['export']:.3f} s")
+          f"min {1000 * min(frames):.1f} ms over {len(frames)} frames, of which the solver "
+          f"{1000 * statistics.median(t['solver']):.1f} ms; track export {t['export']:.3f} s")
     return 0
 
 
