@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "vela/device/runtime.h"
+#include "vela/device/subnormals.h"
 #include "vela/device/types.h"
 
 #if defined(VELA_WITH_CUDA) && !defined(__CUDACC__)
@@ -90,21 +91,6 @@ enum class HostOrder {
     RowWaves,
 };
 // A kernel chooses with  static constexpr vela::device::HostOrder hostOrder = ...;
-
-// While it lives, the calling CPU thread flushes subnormal floats to zero
-// (when `flush`), then gets its own floating-point mode back: for host loops
-// of work that declares flushSubnormals (see below) in its kernels.
-class SubnormalsFlushed {
- public:
-    explicit SubnormalsFlushed(bool flush);
-    ~SubnormalsFlushed();
-    SubnormalsFlushed(const SubnormalsFlushed&) = delete;
-    SubnormalsFlushed& operator=(const SubnormalsFlushed&) = delete;
-
- private:
-    bool flush_;
-    unsigned int saved_ = 0;
-};
 
 namespace detail {
 

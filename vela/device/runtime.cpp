@@ -6,7 +6,7 @@
 #include <string>
 
 #include "vela/device/backend.h"
-#include "vela/device/launch.h"
+#include "vela/device/subnormals.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <xmmintrin.h>
