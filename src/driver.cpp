@@ -165,7 +165,7 @@ int singleFrame(const std::string& imagePath, const std::string& trackPath, unsi
     vela::ScopedArray<float4, 2> image(narrow<float4, 2>(
         vela::mallocDeviceArray<float4>(make_uint4(host.a.extents.x, host.a.extents.y, 1, 1), vela::PITCHED_LAYOUT)));
     vela::arrayCopy(image.a, host.a);
-    processFrame(outputStem, image.a, trackPath, frame, settings, outputs);
+    processFrame(outputStem, image.a, TrackFile(trackPath), frame, settings, outputs);
     return 0;
 }
 
@@ -190,15 +190,11 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
     const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
     vela::ScopedArray<float4, 2> image(
         narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
-    // In temporal mode the tracks are read once, for their motion from frame
-    // to frame; a file that cannot be read gives no motion (its frames report
-    // it as before).
+    // The track file is read once for every frame; in temporal mode its
+    // tracks also give the motion from frame to frame (none where the file
+    // cannot be held: its frames report it as before).
+    const TrackFile trackFile(trackPath);
     video::VideoState video;
-    std::vector<TrackPoints> tracks;
-    if (settings.temporal == 1) {
-        std::string problem;
-        if (!readTracks(trackPath, tracks, problem)) tracks.clear();
-    }
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (i > 0) {
             vela::freeArray(host.a);
@@ -213,10 +209,10 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
         vela::arrayCopy(image.a, host.a);
         const unsigned int frame = static_cast<unsigned int>(i);
         if (settings.temporal == 1)
-            processFrame(stems[i], image.a, trackPath, frame, settings, outputs, &video,
-                         motionOfTracks(tracks, frame, static_cast<int>(size.x), static_cast<int>(size.y)));
+            processFrame(stems[i], image.a, trackFile, frame, settings, outputs, &video,
+                         motionOfTracks(trackFile.tracks(), frame, static_cast<int>(size.x), static_cast<int>(size.y)));
         else
-            processFrame(stems[i], image.a, trackPath, frame, settings, outputs);
+            processFrame(stems[i], image.a, trackFile, frame, settings, outputs);
     }
     return exportTracks(resultFolder, trackPath, inputs);
 }
@@ -283,7 +279,7 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
     return image;
 }
 
-void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
+void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
                   unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
                   video::VideoState* video, const std::vector<video::MotionPoint>& motion) {
     const unsigned int w = image.extents.x, h = image.extents.y;
@@ -296,8 +292,7 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
     vela::arrayCopy(hostLabels.a, labels.a);
 
     std::vector<int> labelIds;
-    const int numLabels =
-        readTrackFrame(trackPath, frame, static_cast<int>(w), static_cast<int>(h), hostLabels.a, labelIds);
+    const int numLabels = tracks.frame(frame, static_cast<int>(w), static_cast<int>(h), hostLabels.a, labelIds);
     if (numLabels < 1) {
         if (video) video->reset();
         return;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "src/settings.h"
+#include "src/tracks.h"
 #include "src/video/temporal.h"
 #include "vela/tools.h"
 
@@ -35,7 +36,7 @@ struct FrameOutputs {
 // With `video` (whole-folder mode with "i temporal 1"), the frame starts from
 // the one before along `motion`, the tracks' motion into this frame; a frame
 // without usable points resets it.
-void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const std::string& trackPath,
+void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
                   unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs = {},
                   video::VideoState* video = nullptr, const std::vector<video::MotionPoint>& motion = {});
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -220,7 +221,7 @@ std::vector<video::MotionPoint> motionOfTracks(const std::vector<TrackPoints>& t
     return motion;
 }
 
-bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::string& problem) {
+bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::string& problem, int& frameCount) {
     tracks.clear();
     std::FILE* f = std::fopen(path.c_str(), "rb");
     if (f == nullptr) {
@@ -235,7 +236,7 @@ bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::
         return false;
     }
     TrackTokens in(text);
-    int frameCount = 0, trackCount = 0;
+    int trackCount = 0;
     if (!in.readInt(frameCount, problem) || !in.readInt(trackCount, problem)) return false;
     if (trackCount > 0 && static_cast<std::uint64_t>(trackCount) * 4 > in.remaining()) {
         problem = "track count " + std::to_string(trackCount) + " is more than the rest of the file can hold";
@@ -258,4 +259,23 @@ bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::
         tracks.push_back(std::move(track));
     }
     return true;
+}
+
+TrackFile::TrackFile(std::string path) : path_(std::move(path)) {
+    std::string problem;
+    held_ = readTracks(path_, tracks_, problem, frameCount_);
+    for (const TrackPoints& track : tracks_)
+        if (track.label < 0 || track.label >= kTrackLabelLimit) held_ = false;
+    if (!held_) tracks_.clear();
+}
+
+int TrackFile::frame(unsigned int frame, int w, int h, vela::Array<float, 2>& labels,
+                     std::vector<int>& labelIds) const {
+    if (!held_) return readTrackFrame(path_, frame, w, h, labels, labelIds);
+    if (labels.device != vela::kHostDevice || labels.data == nullptr || w < 1 || h < 1 ||
+        labels.extents.x != static_cast<unsigned int>(w) || labels.extents.y != static_cast<unsigned int>(h))
+        throw std::runtime_error("TrackFile::frame: the label image must be a host array of the frame's size");
+    labelIds.clear();
+    if (frame >= static_cast<unsigned int>(std::max(frameCount_, 0))) return kNoTrackFrame;
+    return seedsOfTracks(tracks_, frame, w, h, labels, labelIds);
 }

@@ -62,6 +62,29 @@ int seedsOfTracks(const std::vector<TrackPoints>& tracks, unsigned int frame, in
 std::vector<video::MotionPoint> motionOfTracks(const std::vector<TrackPoints>& tracks, unsigned int frame, int w,
                                                int h);
 
-// Reads a whole track file into memory.  False where readTrackFrame would
-// refuse the file (with `problem` saying why) or cannot open it.
-bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::string& problem);
+// Reads a whole track file into memory, with its frame count.  False where
+// readTrackFrame would refuse the file (with `problem` saying why) or cannot
+// open it.
+bool readTracks(const std::string& path, std::vector<TrackPoints>& tracks, std::string& problem, int& frameCount);
+
+// A track file read once for all the frames of a run.  frame() gives what
+// readTrackFrame gives, without reading the file again; a file that cannot be
+// held whole (missing, unreadable, malformed, or with a label outside the
+// palette) is read by readTrackFrame for every frame, so that each frame
+// reports it as before.
+class TrackFile {
+ public:
+    explicit TrackFile(std::string path);
+
+    int frame(unsigned int frame, int w, int h, vela::Array<float, 2>& labels, std::vector<int>& labelIds) const;
+
+    // The tracks, when the file is held; none otherwise.
+    const std::vector<TrackPoints>& tracks() const { return tracks_; }
+    const std::string& path() const { return path_; }
+
+ private:
+    std::string path_;
+    bool held_ = false;
+    int frameCount_ = 0;
+    std::vector<TrackPoints> tracks_;
+};

@@ -18,12 +18,18 @@ using Marks = std::map<std::pair<int, int>, float>;
 // Reads one frame into a fresh 16 x 8 label image filled with -1, capturing
 // what the reader prints.  Damaged files at large are left to the fuzz replay.
 struct Frame {
-    Frame(const std::string& path, unsigned frame) {
+    Frame(const std::string& path, unsigned frame)
+        : Frame(frame, [&](auto& labels, auto& ids) { return readTrackFrame(path, frame, 16, 8, labels, ids); }) {}
+    // The same from a track file read once.
+    Frame(const TrackFile& file, unsigned frame)
+        : Frame(frame, [&](auto& labels, auto& ids) { return file.frame(frame, 16, 8, labels, ids); }) {}
+    template <class Read>
+    Frame(unsigned, Read read) {
         std::vector<float> pixels(16 * 8, -1.0f);
         auto labels = vela::arrayFromHostMemory(pixels.data(), make_uint2(16, 8));
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        count = readTrackFrame(path, frame, 16, 8, labels, ids);
+        count = read(labels, ids);
         err = testing::internal::GetCapturedStderr();
         out = testing::internal::GetCapturedStdout();
         for (int i = 0; i < 16 * 8; ++i)
@@ -72,19 +78,32 @@ TEST(TrackFile, HeldInMemoryGivesEachFramesSeedsAndTheMotionBetweenFrames) {
                                           "3 2 10.1 5.9 0 15.99 7.99 2\n");
     std::vector<TrackPoints> tracks;
     std::string problem;
-    ASSERT_TRUE(readTracks(path, tracks, problem)) << problem;
+    int frameCount = 0;
+    ASSERT_TRUE(readTracks(path, tracks, problem, frameCount)) << problem;
+    EXPECT_EQ(frameCount, 3);
     ASSERT_EQ(tracks.size(), 5u);
+    const TrackFile held(path);
+    EXPECT_EQ(held.tracks().size(), 5u);
     for (unsigned int frame = 0; frame < 4; ++frame) {
-        const Frame fromFile(path, frame);
+        const Frame fromFile(path, frame), fromMemory(held, frame);
+        EXPECT_EQ(fromMemory.count, fromFile.count) << "frame " << frame;
+        EXPECT_EQ(fromMemory.ids, fromFile.ids) << "frame " << frame;
+        EXPECT_EQ(fromMemory.marks, fromFile.marks) << "frame " << frame;
         std::vector<float> pixels(16 * 8, -1.0f);
         auto labels = vela::arrayFromHostMemory(pixels.data(), make_uint2(16, 8));
         std::vector<int> ids;
         EXPECT_EQ(seedsOfTracks(tracks, frame, 16, 8, labels, ids), std::max(fromFile.count, 0)) << "frame " << frame;
-        EXPECT_EQ(ids, fromFile.ids) << "frame " << frame;
-        Marks marks;
-        for (int i = 0; i < 16 * 8; ++i)
-            if (pixels[i] != -1.0f) marks[{i % 16, i / 16}] = pixels[i];
-        EXPECT_EQ(marks, fromFile.marks) << "frame " << frame;
+    }
+    // A file it cannot hold is read for every frame, which reports it as before.
+    for (const char* contents : {"2 1\n100 1 5 5 1\n", "2 2\n4 1 5 5 0\n"}) {
+        const std::string bad = folder.write("unheld.dat", contents);
+        const TrackFile unheld(bad);
+        EXPECT_TRUE(unheld.tracks().empty());
+        for (unsigned int frame = 0; frame < 2; ++frame) {
+            const Frame fromFile(bad, frame), fromMemory(unheld, frame);
+            EXPECT_EQ(fromMemory.count, fromFile.count);
+            EXPECT_EQ(fromMemory.err, fromFile.err);
+        }
     }
 
     EXPECT_TRUE(motionOfTracks(tracks, 0, 16, 8).empty());
@@ -98,9 +117,9 @@ TEST(TrackFile, HeldInMemoryGivesEachFramesSeedsAndTheMotionBetweenFrames) {
     EXPECT_EQ(m2[1].label, 12);
     EXPECT_EQ(m2[1].fromX, 6.0f);
 
-    EXPECT_FALSE(readTracks(folder.write("bad.dat", "1 1\n4 2 1 1 0\n"), tracks, problem));
+    EXPECT_FALSE(readTracks(folder.write("bad.dat", "1 1\n4 2 1 1 0\n"), tracks, problem, frameCount));
     EXPECT_FALSE(problem.empty());
-    EXPECT_FALSE(readTracks(folder / "missing.dat", tracks, problem));
+    EXPECT_FALSE(readTracks(folder / "missing.dat", tracks, problem, frameCount));
 }
 
 TEST(TrackFile, KeepsOnlyPointsStrictlyInsideTheImage) {
