@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -386,15 +387,38 @@ int exportTracks(const std::string& resultFolder, const std::string& trackPath,
                 return fail("dense result " + dense[f] + " is not a " + std::to_string(width) + " x " +
                             std::to_string(height) + " colour image like " + dense[0] + "; track file not written");
             const std::size_t plane = pixels;
+            // "<code> 1\n<x> <y> <frame>\n" per pixel, formatted into one buffer
+            // per row: millions of lines, which printf would take seconds over.
+            std::string lines;
+            bool haveLast = false;
+            std::int32_t lastKey = 0;
+            int lastIndex = 0;
+            auto put = [&](auto value, char after) {
+                char digits[24];
+                const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+                lines.append(digits, end);
+                lines.push_back(after);
+            };
             for (int y = 0; y < height; ++y) {
+                lines.clear();
                 for (int x = 0; x < width; ++x) {
                     const std::size_t i = static_cast<std::size_t>(y) * width + x;
                     const float r = result.data[i], g = result.data[plane + i], b = result.data[2 * plane + i];
                     const float code = 255.0f * r * 255.0f + 255.0f * g + b;
-                    const auto inserted =
-                        codes.emplace(static_cast<std::int32_t>(code), static_cast<int>(codes.size()));
-                    std::fprintf(out, "%d 1\n%d %d %zu\n", inserted.first->second, x, y, f);
+                    // Neighbours mostly share a colour: the map only when it changes.
+                    const std::int32_t key = static_cast<std::int32_t>(code);
+                    if (!haveLast || key != lastKey) {
+                        lastIndex = codes.emplace(key, static_cast<int>(codes.size())).first->second;
+                        lastKey = key;
+                        haveLast = true;
+                    }
+                    put(lastIndex, ' ');
+                    lines += "1\n";
+                    put(x, ' ');
+                    put(y, ' ');
+                    put(f, '\n');
                 }
+                std::fwrite(lines.data(), 1, lines.size(), out);
             }
         }
     } catch (...) {

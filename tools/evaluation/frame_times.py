@@ -11,6 +11,7 @@ is a file of configuration lines without the folder keys.
 
 from __future__ import annotations
 
+import re
 import statistics
 import subprocess
 import sys
@@ -36,8 +37,9 @@ def frame_times(program: Path, folder: Path, config: Path) -> dict[str, float]:
     for line in proc.stdout:
         if line.startswith("processing ") or line.startswith("write track file"):
             marks.append(time.perf_counter() - start)
-        elif line.startswith("PDseg::run() "):  # the solver's own timer: "PDseg::run()  : 155.4 msec (1 interval)"
-            value, unit = line.split(":")[1].split()[:2]
+        elif line.startswith("PDseg::run() "):
+            # The solver's own timer: "PDseg::run()     : 155.385 msec (1 interval)".
+            value, unit = re.search(r" : ([0-9.]+) (msec|sec)", line).groups()
             solver.append(float(value) / (1000.0 if unit == "msec" else 1.0))
     if proc.wait() != 0:
         raise RuntimeError(f"{program} failed in {folder}")
