@@ -32,9 +32,8 @@ def modes() -> list[tuple[run.Mode, float]]:
     for model in range(5):
         lines = ["f lambda 100", "i maxiter 500", f"i model {model}"]
         out.append((run.Mode(f"model {model}", f"model{model}", lines), 0.99 if model == 2 else 0.999))
-    recommended = run.recommended_mode(REPO)
-    out.append((recommended, 0.999))
-    out.append((run.Mode("recommended, temporal", "temporal", recommended.lines + ["i temporal 1"]), 0.999))
+    out.append((run.recommended_mode(REPO), 0.999))
+    out.append((run.temporal_mode(REPO), 0.999))
     return out
 
 

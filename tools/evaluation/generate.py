@@ -383,7 +383,7 @@ class SequencePlan:
 TIMING_CLASS = "ordinary 640x480"
 # The long sequence: the program's recommended mode and the random walker only,
 # so that the whole evaluation stays within minutes.
-LONG_METHODS = ("recommended", "walker")
+LONG_METHODS = ("recommended", "temporal", "walker")
 
 
 def full_set(frames: int = 3) -> tuple[list[SequencePlan], int]:

@@ -61,12 +61,19 @@ def recommended_mode(repo: Path, maxiter: int | None = None) -> Mode:
     return Mode(name, "recommended", lines)
 
 
+def temporal_mode(repo: Path, maxiter: int | None = None) -> Mode:
+    """The recommended settings with each frame starting from the one before."""
+    recommended = recommended_mode(repo, maxiter)
+    return Mode("recommended, temporal", "temporal", recommended.lines + ["i temporal 1"])
+
+
 def default_modes(repo: Path, maxiter: int | None = None) -> list[Mode]:
     it = maxiter or 500
     return [
         definition_mode("definition", "definition", 100, it),
         definition_mode("definition-λ10", "definition-lambda10", 10, it),
         recommended_mode(repo, maxiter),
+        temporal_mode(repo, maxiter),
     ]
 
 
