@@ -64,6 +64,8 @@ def main(argv: list[str] | None = None) -> int:
     parser.add_argument("--build", type=Path, required=True)
     parser.add_argument("--out", type=Path, default=Path("backends-out"))
     parser.add_argument("--sequences", default="", help="comma-separated sequence names (default all)")
+    parser.add_argument("--modes", default="", help="comma-separated result folder names of the modes to compare "
+                        "(model0 to model4, recommended, temporal; default all)")
     parser.add_argument("--only-data", action="store_true", help="write the sequences into OUT/data/ and stop")
     args = parser.parse_args(argv)
     tools = run.Tools(args.build.resolve())
@@ -80,7 +82,10 @@ def main(argv: list[str] | None = None) -> int:
     subprocess.run([str(make_demo), str(out / "demo")], check=True, capture_output=True)
     folders.append(out / "demo")
     all_ok = True
+    wanted = [m for m in args.modes.split(",") if m]
     for mode, needed in modes():
+        if wanted and mode.folder not in wanted:
+            continue
         for folder in folders:
             # The long sequence for the modes a user runs on a video only.
             if folder.name == "long" and not mode.folder.startswith(("recommended", "temporal")):
