@@ -288,30 +288,33 @@ void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& poin
     check(__LINE__);
 }
 
-void moveLayers(Array<float, 3>& out, const Array<float, 3>& previous, const Array<float2, 2>& motion,
-                const std::vector<int>& from, bool normalise, float outside) {
+namespace {
+
+// Checks the arrays of a move and runs `Kernel` over the pixels of `out`.
+template <class Kernel, class T, class... Extra>
+void launchMove(Array<T, 3>& out, const Array<T, 3>& previous, const Array<float2, 2>& motion,
+                const std::vector<int>& from, const Extra&... extra) {
     requireSameSize("moveLayers", out, motion);
     requireSameSize("moveLayers", previous, motion);
     if (from.size() != out.extents.z) throw std::runtime_error("video::moveLayers: one source per layer");
     if (out.extents.z == 0 || out.extents.x == 0 || out.extents.y == 0) return;
     vela::ScopedArray<int, 1> sources;
     upload(from, sources);
-    vela::device::launch<moveLayers_kernel>(grid(out.extents.x, out.extents.y), block(), nullptr, out, previous, motion,
-                                            sources.a, normalise ? 1 : 0, outside);
+    vela::device::launch<Kernel>(grid(out.extents.x, out.extents.y), block(), nullptr, out, previous, motion, sources.a,
+                                 extra...);
     check(__LINE__);
+}
+
+}  // namespace
+
+void moveLayers(Array<float, 3>& out, const Array<float, 3>& previous, const Array<float2, 2>& motion,
+                const std::vector<int>& from, bool normalise, float outside) {
+    launchMove<moveLayers_kernel>(out, previous, motion, from, normalise ? 1 : 0, outside);
 }
 
 void moveLayers(Array<float2, 3>& out, const Array<float2, 3>& previous, const Array<float2, 2>& motion,
                 const std::vector<int>& from) {
-    requireSameSize("moveLayers", out, motion);
-    requireSameSize("moveLayers", previous, motion);
-    if (from.size() != out.extents.z) throw std::runtime_error("video::moveLayers: one source per layer");
-    if (out.extents.z == 0 || out.extents.x == 0 || out.extents.y == 0) return;
-    vela::ScopedArray<int, 1> sources;
-    upload(from, sources);
-    vela::device::launch<moveDual_kernel>(grid(out.extents.x, out.extents.y), block(), nullptr, out, previous, motion,
-                                          sources.a);
-    check(__LINE__);
+    launchMove<moveDual_kernel>(out, previous, motion, from);
 }
 
 double movedColourDifference(const Array<float4, 2>& image, const Array<float4, 2>& previous,
