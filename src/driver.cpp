@@ -2,8 +2,8 @@
 
 #include <unistd.h>
 
-#include <cstdint>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>

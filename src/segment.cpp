@@ -18,8 +18,8 @@ float colourTrust(float separability) { return std::fmin(1.0f, 2.0f * separabili
 
 }  // namespace
 
-void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
-                         const SegmentationSettings& settings, const WalkerCarry& walker) {
+void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels, const SegmentationSettings& settings,
+                         const WalkerCarry& walker) {
     applySolverSettings(seg, settings);
     vela::ScopedArray<float, 2> checked;
     vela::Array<float, 2>* seeds = &labels;

@@ -12,8 +12,8 @@
 // index per pixel, negative where no seed lies) with the data term the
 // settings choose, and sets every solver parameter (applySolverSettings).
 // `walker` carries the walker's solve from frame to frame in a video.
-void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels,
-                         const SegmentationSettings& settings, const WalkerCarry& walker = {});
+void prepareSegmentation(PDseg& seg, vela::Array<float, 2>& labels, int numLabels, const SegmentationSettings& settings,
+                         const WalkerCarry& walker = {});
 
 // Sets the solver's parameters from the settings: the model, lambda, the
 // iterations, the edge weights and the tolerance.  Every caller that

@@ -81,8 +81,8 @@ int dumpCosts(const std::string& configPath, const std::string& trackPath, unsig
     std::vector<float> seeds(static_cast<std::size_t>(w) * h, -1.0f);
     vela::Array<float, 2> hostSeeds = vela::arrayFromHostMemory(seeds.data(), make_uint2(w, h));
     std::vector<int> labelIds;
-    const int numLabels = readTrackFrame(trackPath, frame, static_cast<int>(w), static_cast<int>(h), hostSeeds,
-                                         labelIds);
+    const int numLabels =
+        readTrackFrame(trackPath, frame, static_cast<int>(w), static_cast<int>(h), hostSeeds, labelIds);
     if (numLabels < 1) {
         writeNpy(outPath, {}, 0, h, w);
         std::printf("labels\nseconds 0\n");
