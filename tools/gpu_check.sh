@@ -7,7 +7,8 @@
 #   tests     the test suite with VELA_DEVICE=cuda
 #   bench     solver_bench on the GPU: time per pixel, label and iteration
 #   frames    whole-frame times of a 640 x 480 frame with 6 labels, from image
-#             in to files out: model 1 at 500 iterations and the recommended mode
+#             in to files out (the median over a 20-frame sequence): model 1 at
+#             500 iterations, the recommended mode, and that with temporal 1
 #   backends  the evaluation's sequences and the demo on both backends, the
 #             differing pixels per frame (tools/evaluation/backends.py)
 #   python    the Python package built with the cuda backend, and its tests
