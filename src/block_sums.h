@@ -33,6 +33,21 @@ struct GridPixel {
         block = t.blockIdx.y * t.gridDim.x + t.blockIdx.x;
         inside = x < w && y < h;
     }
+
+    // The same in a launch over row segments: block row j of block b works
+    // on segments(b * blockDim.y + j), blockDim.x pixels of one row from
+    // (segment.x, segment.y); the segments come in whole blocks of them.
+    VELA_HD GridPixel(const vela::device::Thread& t, const vela::Array<uint2, 1>& segments, unsigned int w) {
+        const unsigned int index = t.blockIdx.x * t.blockDim.y + t.threadIdx.y;
+        inside = index < segments.extents.x;
+        const uint2 segment = inside ? vela::at(segments, index) : make_uint2(0, 0);
+        x = segment.x + t.threadIdx.x;
+        y = segment.y;
+        z = t.blockIdx.z;
+        thread = t.threadIdx.y * t.blockDim.x + t.threadIdx.x;
+        block = t.blockIdx.x;
+        inside = inside && x < w;
+    }
 };
 
 // The block's N values per thread, and their folding into partial(block, z, n).

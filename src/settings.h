@@ -68,11 +68,13 @@ struct SegmentationSettings {
     // (src/video/temporal.h).
     int temporal = 0;             // "temporal": 0 every frame afresh, 1 on
     float temporalWeight = 0.3f;  // "temporalWeight": weight of the moved labelling as a cost
-    // "temporalWalkerTolerance": 0, the walker starts every frame afresh; above
-    // 0, it starts from the frame before's probabilities, moved, and stops at
-    // this relative residual instead of walkerTolerance (faster with a looser
-    // tolerance, but it carries the motion's errors along).
-    float temporalWalkerTolerance = 0.0f;
+    // "temporalWalkerRadius": above 0, the walker keeps the frame before's
+    // probabilities, moved, and solves again only within this many pixels of
+    // where they may not hold (src/dataterms/walker_region.h), stopping at
+    // "temporalWalkerTolerance" (0: walkerTolerance); 0, it solves every
+    // frame afresh.
+    int temporalWalkerRadius = 4;
+    float temporalWalkerTolerance = 0.005f;
 };
 
 // Reads the settings from `config` into `settings`.  False, with `error`

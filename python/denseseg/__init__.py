@@ -91,7 +91,8 @@ _SETTINGS = (
 _VIDEO_SETTINGS = (
     ("temporal", "i", "temporal", 1, False),
     ("temporal_weight", "f", "temporalWeight", 0.3, False),
-    ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.0, False),
+    ("temporal_walker_radius", "i", "temporalWalkerRadius", 4, False),
+    ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.005, False),
 )
 _ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
 _KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
@@ -599,10 +600,15 @@ def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarr
     temporal_weight : float, optional
         Weight of the moved previous labelling as a cost, 0 to 1e6
         (``temporalWeight``).
+    temporal_walker_radius : int, optional
+        4 (default): the walker keeps the previous frame's probabilities,
+        moved, and solves again only within this many pixels of where they
+        may not hold (label boundaries, doubt, seeds that contradict them,
+        pixels whose colour changed); 0: it solves every frame afresh
+        (``temporalWalkerRadius``).
     temporal_walker_tolerance : float, optional
-        0 (default): the walker solves every frame afresh; above 0, it starts
-        from the previous frame's probabilities, moved, and stops at this
-        relative residual: faster, less steady (``temporalWalkerTolerance``).
+        Relative residual at which those solves stop, 0.005 by default; 0:
+        ``walker_tolerance`` (``temporalWalkerTolerance``).
     **settings
         Any keyword of :func:`segment` but `num_labels` and
         `return_relaxed`; by default the recommended settings, as there.

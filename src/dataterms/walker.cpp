@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "src/block_sums.h"
 #include "src/dataterms/probability_cost.h"
 #include "src/dataterms/seeds.h"
+#include "src/dataterms/walker_region.h"
 #include "src/engine_arrays.h"
 #include "src/solver/ops.h"
 #include "vela/access.h"
@@ -33,6 +35,9 @@ using vela::device::Thread;
 constexpr const char* kSource = "src/dataterms/walker";
 constexpr unsigned int kBlockX = seg::kSumBlockX, kBlockY = seg::kSumBlockY;
 constexpr float kWeightFloor = 1e-6f;
+// A restricted solve runs over row segments of this many pixels, in blocks of
+// kSegmentRows of them.
+constexpr unsigned int kSegment = 16, kSegmentRows = kBlockX * kBlockY / kSegment;
 
 // ---------------------------------------------------------------------------
 // Kernels
@@ -86,7 +91,7 @@ struct walkerWeights_kernel {
 // The arrays of the solve; x, r, p and q are W x H x L.
 struct WalkerArrays {
     vela::Array<float, 3> x, r, p, q;
-    vela::Array<float, 3> guess;  // where x starts at the unseeded pixels; unset: 0
+    vela::Array<float, 3> guess;  // a restricted solve's start (StartOutsideStep)
     vela::Array<float, 2> labels;
     vela::Array<float2, 2> weights;
     vela::Array<float2, 2> diagonal;  // degree, and its inverse or 0 at a seed
@@ -182,13 +187,14 @@ struct DirectionStep {
     }
 };
 
-// A warm start: x = the guess (clamped to [0, 1]) at the unseeded pixels; the
-// seeds keep the values start() gave them.
-struct GuessStep {
+// A restricted solve: x = 0 where the solve runs (1 / degree above 0), the
+// start (clamped to [0, 1]) at the other unseeded pixels, which it keeps like
+// seeds; the seeds keep the values start() gave them.
+struct StartOutsideStep {
     VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
-        if (vela::at(a.diagonal, x, y).y > 0.0f) {
-            vela::at(a.x, x, y, l) = fminf(fmaxf(vela::at(a.guess, x, y, l), 0.0f), 1.0f);
-        }
+        if (seedOf(a.labels, x, y, a.x.extents.z) < 0)
+            vela::at(a.x, x, y, l) =
+                vela::at(a.diagonal, x, y).y > 0.0f ? 0.0f : fminf(fmaxf(vela::at(a.guess, x, y, l), 0.0f), 1.0f);
         return make_float2(0.0f, 0.0f);
     }
 };
@@ -210,7 +216,8 @@ struct ResidualStep {
 };
 
 // Runs a step at every pixel and label, one label per grid layer, and leaves
-// the block sums of what it adds in partial(block, label, 0 and 1).
+// the block sums of what it adds in partial(block, label, 0 and 1); with
+// segments, only at theirs (seg::GridPixel).
 template <class Step>
 struct walkerStep_kernel {
     using Shared = seg::BlockSums<2>;
@@ -219,8 +226,10 @@ struct walkerStep_kernel {
     // The probabilities decay to subnormal floats far from a label's seeds.
     static constexpr bool flushSubnormals = true;
     VELA_HD void operator()(int phase, const Thread& t, Shared& s, Local&, WalkerArrays a,
-                            vela::Array<float, 1> coefficients, vela::Array<float, 3> partial) const {
-        const GridPixel px(t, a.x.extents.x, a.x.extents.y);
+                            vela::Array<uint2, 1> segments, vela::Array<float, 1> coefficients,
+                            vela::Array<float, 3> partial) const {
+        const GridPixel px = segments.data != nullptr ? GridPixel(t, segments, a.x.extents.x)
+                                                      : GridPixel(t, a.x.extents.x, a.x.extents.y);
         if (phase == 0) {
             const float2 v =
                 px.inside ? Step{}(a, px.x, px.y, px.z, vela::at(coefficients, px.z)) : make_float2(0.0f, 0.0f);
@@ -229,6 +238,29 @@ struct walkerStep_kernel {
         } else {
             s.fold(phase, px, partial);
         }
+    }
+};
+
+// Outside the free region the solve keeps x as it is: 1 / degree = 0 there,
+// as at the seeds.
+struct freeze_kernel {
+    VELA_HD void operator()(const Thread& t, vela::Array<float2, 2> diagonal, vela::Array<float, 2> free) const {
+        const GridPixel p(t, diagonal.extents.x, diagonal.extents.y);
+        if (p.inside && vela::at(free, p.x, p.y) == 0.0f) vela::at(diagonal, p.x, p.y).y = 0.0f;
+    }
+};
+
+// active(c, y) = 1 where the c-th run of kSegment pixels of row y holds an
+// unseeded pixel the solve has not frozen, else 0.
+struct activeRuns_kernel {
+    VELA_HD void operator()(const Thread& t, vela::Array<float, 2> active, vela::Array<float2, 2> diagonal) const {
+        const unsigned int c = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+        if (c >= active.extents.x || y >= active.extents.y) return;
+        const unsigned int end = (c + 1) * kSegment < diagonal.extents.x ? (c + 1) * kSegment : diagonal.extents.x;
+        bool any = false;
+        for (unsigned int x = c * kSegment; x < end; ++x) any = any || vela::at(diagonal, x, y).y > 0.0f;
+        vela::at(active, c, y) = any ? 1.0f : 0.0f;
     }
 };
 
@@ -287,10 +319,22 @@ class WalkerSteps {
           coefficients_(grid_.z) {}
 
     LabelSums start() { return run<StartStep>(); }
-    // After start(): x from the guess, and the residual there.
-    LabelSums restart() {
-        run<GuessStep>();
-        return run<ResidualStep>();
+    // After start() and the freezing of all but the free pixels: x from the
+    // guess outside them, the residual there, and from then on the steps run
+    // only over `segments`, row segments that hold every free pixel: (x, y)
+    // of the first of kSegment pixels of a row (seg::GridPixel).
+    LabelSums restrict(std::vector<uint2> segments) {
+        run<StartOutsideStep>();
+        const LabelSums sums = run<ResidualStep>();
+        const unsigned int n = static_cast<unsigned int>(segments.size());
+        hostSegments_ = std::move(segments);
+        if (n > 0) {
+            segments_.emplace(seg::deviceArray1D<uint2>(n));
+            vela::arrayCopy(segments_->a, seg::hostView1D(hostSegments_.data(), n));
+        }
+        segmentGrid_ = dim3(vela::device::blocksFor(n, kSegmentRows), 1, grid_.z);
+        segmentSums_.emplace(segmentGrid_, 2);
+        return sums;
     }
     LabelSums apply() { return run<ApplyStep>(); }
     LabelSums step(const std::vector<float>& alpha) { return run<StepStep>(alpha); }
@@ -306,12 +350,51 @@ class WalkerSteps {
         std::vector<float> c(coefficients);
         c.resize(labels, 0.0f);
         LabelSums sums{std::vector<double>(labels, 0.0), std::vector<double>(labels, 0.0)};
+        const bool restricted = segmentSums_.has_value();
         auto kernel = [&] {
             for (unsigned int l = 0; l < labels; ++l) coefficients_[l] = c[l];
-            vela::device::launch<walkerStep_kernel<Step>>(grid_, block_, nullptr, a_, coefficients_.upload(),
-                                                          sums_.partial());
+            seg::BlockSumReader& reader = restricted ? *segmentSums_ : sums_;
+            if (restricted && segmentGrid_.x == 0) return;
+            vela::device::launch<walkerStep_kernel<Step>>(
+                restricted ? segmentGrid_ : grid_, restricted ? dim3(kSegment, kSegmentRows) : block_, nullptr, a_,
+                restricted ? segments_->a : vela::Array<uint2, 1>{}, coefficients_.upload(), reader.partial());
             check(__LINE__);
-            sums = labelSums(sums_.read());
+            sums = labelSums(reader.read());
+        };
+        // The blocks of kSegmentRows segments the kernel would run, as loops,
+        // each block for every label in turn while its weights are at hand.
+        auto segmentLoops = [&] {
+            const std::size_t n = hostSegments_.size(), blocks = segmentGrid_.x;
+            blockFirst_.assign(blocks * labels, 0.0);
+            blockSecond_.assign(blocks * labels, 0.0);
+            const long long count = static_cast<long long>(blocks);
+            VELA_PRAGMA_OMP(omp parallel) {
+                const vela::device::SubnormalsFlushed mode(walkerStep_kernel<Step>::flushSubnormals);
+            VELA_PRAGMA_OMP(omp for schedule(static))
+            for (long long b = 0; b < count; ++b) {
+                const std::size_t first = static_cast<std::size_t>(b) * kSegmentRows;
+                const std::size_t last = std::min(first + kSegmentRows, n);
+                for (unsigned int l = 0; l < labels; ++l) {
+                    double s0 = 0.0, s1 = 0.0;
+                    for (std::size_t k = first; k < last; ++k) {
+                        const uint2 segment = hostSegments_[k];
+                        const unsigned int end = std::min(segment.x + kSegment, w);
+                        for (unsigned int x = segment.x; x < end; ++x) {
+                            const float2 v = Step{}(a_, x, segment.y, l, c[l]);
+                            s0 += v.x;
+                            s1 += v.y;
+                        }
+                    }
+                    blockFirst_[l * blocks + static_cast<std::size_t>(b)] = s0;
+                    blockSecond_[l * blocks + static_cast<std::size_t>(b)] = s1;
+                }
+            }
+            }
+            for (unsigned int l = 0; l < labels; ++l)
+                for (std::size_t b = 0; b < blocks; ++b) {
+                    sums.first[l] += blockFirst_[l * blocks + b];
+                    sums.second[l] += blockSecond_[l * blocks + b];
+                }
         };
         auto rows = [&] {
             std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
@@ -339,10 +422,12 @@ class WalkerSteps {
         };
         vela::device::hostOrDevice(
             [&] {
-                if (seg::hostSweep() == seg::HostSweep::Rows)
-                    rows();
-                else
+                if (seg::hostSweep() != seg::HostSweep::Rows)
                     kernel();
+                else if (restricted)
+                    segmentLoops();
+                else
+                    rows();
             },
             kernel);
         return sums;
@@ -352,7 +437,34 @@ class WalkerSteps {
     dim3 block_, grid_;
     seg::BlockSumReader sums_;
     LabelCoefficients coefficients_;
+    // A restricted solve's segments, on the host and the device, and its sums.
+    std::vector<uint2> hostSegments_;
+    std::optional<vela::ScopedArray<uint2, 1>> segments_;  // none: no segment
+    dim3 segmentGrid_;
+    std::optional<seg::BlockSumReader> segmentSums_;
+    std::vector<double> blockFirst_, blockSecond_;  // the host loops' block sums
 };
+
+// The row segments of kSegment pixels that hold a pixel the solve must move:
+// unseeded and not frozen (1 / degree above 0), listed row by row.
+std::vector<uint2> activeSegments(const vela::Array<float2, 2>& diagonal) {
+    const unsigned int w = diagonal.extents.x, h = diagonal.extents.y;
+    const unsigned int runs = vela::device::blocksFor(w, kSegment);
+    vela::ScopedArray<float, 2> active(seg::deviceArray2D<float>(runs, h));
+    const dim3 block(kBlockX, kBlockY);
+    vela::device::launch<activeRuns_kernel>(
+        dim3(vela::device::blocksFor(runs, kBlockX), vela::device::blocksFor(h, kBlockY)), block, nullptr, active.a,
+        diagonal);
+    check(__LINE__);
+    std::vector<float> flags(static_cast<std::size_t>(runs) * h);
+    vela::Array<float, 2> host = vela::arrayFromHostMemory(flags.data(), make_uint2(runs, h));
+    vela::arrayCopy(host, active.a);
+    std::vector<uint2> segments;
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int c = 0; c < runs; ++c)
+            if (flags[static_cast<std::size_t>(y) * runs + c] > 0.0f) segments.push_back(make_uint2(c * kSegment, y));
+    return segments;
+}
 
 }  // namespace
 
@@ -390,20 +502,27 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     vela::ScopedArray<float, 3> r(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> p(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> q(seg::deviceArray3D<float>(w, h, nLabels));
-    const bool warm = carry.start != nullptr && carry.start->data != nullptr;
-    if (warm && (carry.start->extents.x != w || carry.start->extents.y != h || carry.start->extents.z != nLabels))
+    const bool restricted = carry.start != nullptr && carry.start->data != nullptr;
+    if (restricted && (carry.start->extents.x != w || carry.start->extents.y != h || carry.start->extents.z != nLabels))
         throw std::runtime_error("addWalkerCost: the start is not W x H x L of the cost map");
-    WalkerSteps steps(
-        WalkerArrays{x.a, r.a, p.a, q.a, warm ? *carry.start : vela::Array<float, 3>{}, labels, weights.a, diagonal.a});
+    WalkerSteps steps(WalkerArrays{x.a, r.a, p.a, q.a, restricted ? *carry.start : vela::Array<float, 3>{}, labels,
+                                   weights.a, diagonal.a});
 
     // Preconditioned conjugate gradients, every label's system at once; a
     // label stops counting once its residual is below the tolerance relative
-    // to its right-hand side, and the loop stops when all have.  A warm start
-    // begins from the guess but keeps the same goal, the residual relative to
-    // the right-hand side.
+    // to its right-hand side, and the loop stops when all have.  A restricted
+    // solve keeps the same goal, the residual relative to the whole frame's
+    // right-hand side.
     LabelSums sums = steps.start();
     const std::vector<double> rhs = sums.second;
-    if (warm) sums = steps.restart();
+    if (restricted) {
+        vela::ScopedArray<float, 2> free(seg::deviceArray2D<float>(w, h));
+        seg::markFreePixels(free.a, *carry.start, labels, carry.changed ? *carry.changed : vela::Array<float, 2>{},
+                            carry.freeRadius);
+        vela::device::launch<freeze_kernel>(pixels, block, nullptr, diagonal.a, free.a);
+        check(__LINE__);
+        sums = steps.restrict(activeSegments(diagonal.a));
+    }
     std::vector<double> rz = sums.first;
     std::vector<double> rr = sums.second;
     const double tolerance = static_cast<double>(settings.walkerTolerance) * settings.walkerTolerance;

@@ -8,9 +8,16 @@
 
 // What a video's frames hand on to the walker of the next one, all optional.
 struct WalkerCarry {
-    // Probabilities (W x H x L, device) to start the solve from, the previous
-    // frame's moved to this one: a few iterations then reach the tolerance.
+    // Probabilities (W x H x L, device) that hold where the frame is like the
+    // one before: the previous frame's, moved to this one.  The solve then
+    // runs only within `freeRadius` pixels of where they may not hold
+    // (src/dataterms/walker_region.h), from 0 there, and keeps them elsewhere
+    // as it keeps the seeds: a small part of the frame, a fraction of the time.
     const vela::Array<float, 3>* start = nullptr;
+    unsigned int freeRadius = 0;
+    // With a start: 1 where the frame differs from the one before (W x H,
+    // device), where the start does not hold either.
+    const vela::Array<float, 2>* changed = nullptr;
     // Receives this frame's probabilities (a new device array; what it held
     // is released).
     vela::Array<float, 3>* keep = nullptr;

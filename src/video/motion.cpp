@@ -125,10 +125,14 @@ struct Origin {
 // gives; the best label's motion wins.  Layer 0 of `cells` holds all points'
 // motion (the fallback), layer j + 1 that of label j of `previous`.
 constexpr float kLeastReach = 0.05f;
+// Below this share of the winning label at the origin (against the largest
+// label's there), no label of the frame before arrives at a pixel: it was
+// hidden or outside the frame.
+constexpr float kLeastSupport = 0.5f;
 
 struct objectMotion_kernel {
-    VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells,
-                            Array<float, 3> previous) const {
+    VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells, Array<float, 3> previous,
+                            Array<float, 2> support) const {
         unsigned int x, y;
         if (!pixelOf(t, motion.extents.x, motion.extents.y, x, y)) return;
         const float4 all = cellsAt(cells, 0, x, y);
@@ -147,6 +151,13 @@ struct objectMotion_kernel {
             }
         }
         vela::at(motion, x, y) = best;
+        // The winning label's share at its origin against the largest share
+        // there: a label that merely leaks into the origin explains nothing.
+        float largest = 0.0f;
+        Origin o;
+        if (bestScore > 0.0f && o.find(motion, x, y))
+            for (unsigned int j = 0; j < previous.extents.z; ++j) largest = fmaxf(largest, o.read(previous, j));
+        vela::at(support, x, y) = largest > 0.0f ? fminf(bestScore / largest, 1.0f) : 0.0f;
     }
 };
 
@@ -205,6 +216,21 @@ struct MovedDifference {
         }
         const float4 a = vela::at(image, x, y), b = vela::at(previous, px, py);
         values[0] = fabsf(a.x - b.x) + fabsf(a.y - b.y) + fabsf(a.z - b.z);
+    }
+};
+
+// changed(x, y) = 1 where the mean colour difference per channel between the
+// frame and the frame before, moved, exceeds `threshold`, or where the motion
+// brings too little of any label (support below kLeastSupport), else 0.
+struct changedPixels_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float, 2> changed, MovedDifference difference,
+                            Array<float, 2> support, float threshold) const {
+        unsigned int x, y;
+        if (!pixelOf(t, changed.extents.x, changed.extents.y, x, y)) return;
+        float sum = 0.0f;
+        difference(x, y, 0, &sum);
+        const bool unexplained = vela::at(support, x, y) < kLeastSupport;
+        vela::at(changed, x, y) = sum > 3.0f * threshold || unexplained ? 1.0f : 0.0f;
     }
 };
 
@@ -273,9 +299,10 @@ void denseMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& point
 }
 
 void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points, const Array<float, 3>& previous,
-                  const std::vector<int>& previousLabels) {
+                  const std::vector<int>& previousLabels, Array<float, 2>& support) {
     const unsigned int w = motion.extents.x, h = motion.extents.y;
     requireSameSize("objectMotion", previous, motion);
+    requireSameSize("objectMotion", support, motion);
     if (previousLabels.size() != previous.extents.z)
         throw std::runtime_error("video::objectMotion: one label per layer of the labelling before");
     if (w == 0 || h == 0) return;
@@ -284,7 +311,7 @@ void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& poin
         const auto found = std::find(previousLabels.begin(), previousLabels.end(), p.label);
         return found == previousLabels.end() ? -1 : static_cast<int>(found - previousLabels.begin());
     }));
-    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous);
+    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous, support);
     check(__LINE__);
 }
 
@@ -325,6 +352,17 @@ double movedColourDifference(const Array<float4, 2>& image, const Array<float4, 
     if (w == 0 || h == 0) return 0.0;
     const double sum = seg::pixelSums(MovedDifference{image, previous, motion}, w, h).of[0][0];
     return sum / (3.0 * w * h);
+}
+
+void changedPixels(Array<float, 2>& changed, const Array<float4, 2>& image, const Array<float4, 2>& previous,
+                   const Array<float2, 2>& motion, const Array<float, 2>& support, float threshold) {
+    requireSameSize("changedPixels", image, previous);
+    requireSameSize("changedPixels", image, motion);
+    requireSameSize("changedPixels", image, support);
+    requireSameSize("changedPixels", image, changed);
+    vela::device::launch<changedPixels_kernel>(grid(image.extents.x, image.extents.y), block(), nullptr, changed,
+                                               MovedDifference{image, previous, motion}, support, threshold);
+    check(__LINE__);
 }
 
 }  // namespace video

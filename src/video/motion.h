@@ -27,8 +27,13 @@ void denseMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>&
 // W x H x L', layer j holding track label previousLabels[j]).  Motion edges
 // then follow the objects' boundaries instead of blurring across them.  Where
 // no label's tracks reach, the motion of all points (denseMotion).
+// `support` (W x H, device) receives the winning label's share at the origin
+// over the largest label's share there (0 to 1): low where no label of the
+// frame before arrives (a pixel uncovered by a moving object, or one entering
+// the frame).
 void objectMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>& points,
-                  const vela::Array<float, 3>& previous, const std::vector<int>& previousLabels);
+                  const vela::Array<float, 3>& previous, const std::vector<int>& previousLabels,
+                  vela::Array<float, 2>& support);
 
 // The previous frame's layers (W x H x L', device) moved to this frame: layer
 // k of `out` (W x H x L) is layer from[k] of `previous` read bilinearly at the
@@ -49,5 +54,13 @@ void moveLayers(vela::Array<float2, 3>& out, const vela::Array<float2, 3>& previ
 // consecutive frames of one shot, large across a cut.
 double movedColourDifference(const vela::Array<float4, 2>& image, const vela::Array<float4, 2>& previous,
                              const vela::Array<float2, 2>& motion);
+
+// changed (W x H, device) = 1 where what the frame before says may not hold:
+// the frame differs from it, moved along the motion, by more than `threshold`
+// (0 to 255) per channel on average, or the motion brings no label there
+// (`support` from objectMotion below one half); 0 elsewhere.
+void changedPixels(vela::Array<float, 2>& changed, const vela::Array<float4, 2>& image,
+                   const vela::Array<float4, 2>& previous, const vela::Array<float2, 2>& motion,
+                   const vela::Array<float, 2>& support, float threshold);
 
 }  // namespace video

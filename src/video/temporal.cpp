@@ -22,16 +22,18 @@ constexpr unsigned int kBlockX = 32, kBlockY = 8;
 // Kernels
 // ---------------------------------------------------------------------------
 
-// cost(x, y, l) += weight * (1 - moved(x, y, l)) away from this frame's seeds:
-// a label the frame before had here costs nothing extra, the others up to
+// cost(x, y, l) += weight * (1 - moved(x, y, l)) away from this frame's seeds
+// and from the pixels where the frame before does not hold (`changed`): a
+// label the frame before had here costs nothing extra, the others up to
 // `weight`.
 struct temporalPrior_kernel {
     VELA_HD void operator()(const Thread& t, Array<float, 3> cost, Array<float, 3> moved, Array<float, 2> labels,
-                            float weight) const {
+                            Array<float, 2> changed, float weight) const {
         const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
         const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
         if (x >= cost.extents.x || y >= cost.extents.y) return;
         if (seg::seedOf(labels, x, y, cost.extents.z) >= 0) return;
+        if (vela::at(changed, x, y) != 0.0f) return;
         for (unsigned int l = 0; l < cost.extents.z; ++l)
             vela::at(cost, x, y, l) += weight * (1.0f - vela::at(moved, x, y, l));
     }
@@ -71,9 +73,11 @@ void VideoState::prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
     walkerIterations_ = 0;
 
     vela::ScopedArray<float2, 2> field;
+    vela::ScopedArray<float, 2> support, changed;
     if (n > 0 && !motion.empty() && sameExtents(image_, w, h) && sameExtents(relaxed_, w, h, labelIds_.size())) {
         field.a = seg::deviceArray2D<float2>(w, h);
-        objectMotion(field.a, motion, relaxed_, labelIds_);
+        support.a = seg::deviceArray2D<float>(w, h);
+        objectMotion(field.a, motion, relaxed_, labelIds_, support.a);
         continued_ = movedColourDifference(seg.image, image_, field.a) <= kCutDifference;
     }
 
@@ -93,20 +97,25 @@ void VideoState::prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
             startDual_ = seg::deviceArray3D<float2>(w, h, n);
             moveLayers(startDual_, dual_, field.a, from);
         }
-        if (settings.temporalWalkerTolerance > 0.0f && sameExtents(walker_, w, h, labelIds_.size())) {
+        if (settings.temporalWalkerRadius > 0 && sameExtents(walker_, w, h, labelIds_.size())) {
             walkerStart.a = seg::deviceArray3D<float>(w, h, n);
             moveLayers(walkerStart.a, walker_, field.a, from, true, even);
         }
+        changed.a = seg::deviceArray2D<float>(w, h);
+        changedPixels(changed.a, seg.image, image_, field.a, support.a, kChangedDifference);
     }
 
     SegmentationSettings frameSettings = settings;
-    if (walkerStart.a.data != nullptr) frameSettings.walkerTolerance = settings.temporalWalkerTolerance;
+    if (walkerStart.a.data != nullptr && settings.temporalWalkerTolerance > 0.0f)
+        frameSettings.walkerTolerance = settings.temporalWalkerTolerance;
     prepareSegmentation(seg, labels, numLabels, frameSettings,
-                        WalkerCarry{walkerStart.a.data ? &walkerStart.a : nullptr, &walker_, &walkerIterations_});
+                        WalkerCarry{walkerStart.a.data ? &walkerStart.a : nullptr,
+                                    static_cast<unsigned int>(settings.temporalWalkerRadius),
+                                    changed.a.data ? &changed.a : nullptr, &walker_, &walkerIterations_});
     if (continued_ && settings.temporalWeight > 0.0f) {
         const dim3 block(kBlockX, kBlockY);
         const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
-        vela::device::launch<temporalPrior_kernel>(grid, block, nullptr, seg.costMap, startU_, labels,
+        vela::device::launch<temporalPrior_kernel>(grid, block, nullptr, seg.costMap, startU_, labels, changed.a,
                                                    settings.temporalWeight);
         vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
     }

@@ -1,8 +1,9 @@
 // A video segmented frame after frame, each frame starting from the one
 // before: its relaxed labelling and dual field, moved along the tracks' motion,
-// are where this frame's primal-dual iteration starts, and its labelling,
-// moved, is a weak extra cost.  With temporalWalkerTolerance the walker starts
-// from its probabilities, moved, too.
+// are where this frame's primal-dual iteration starts, its labelling, moved,
+// is a weak extra cost, and its walker probabilities, moved, stand wherever
+// they still hold (with temporalWalkerRadius): the walker solves again only
+// near boundaries, contradicting seeds and pixels whose colour changed.
 //
 // Nothing wrong is carried forward on purpose: this frame's seeds keep their
 // own costs, a label without seeds in this frame is not among its labels, and
@@ -22,6 +23,9 @@ namespace video {
 // Mean colour difference per channel (0 to 255) above which a frame counts as
 // a cut.
 constexpr double kCutDifference = 40.0;
+// Mean colour difference per channel above which a pixel counts as changed
+// since the frame before: a warm-started walker solves there again.
+constexpr float kChangedDifference = 40.0f;
 
 class VideoState {
  public:

@@ -152,15 +152,21 @@ TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
         seg::ScopedArray<float, 3> previous(seg::deviceArray3D<float>(w, h, 2));
         vela::arrayCopy(previous.a, vela::arrayFromHostMemory(before.data(), make_uint3(w, h, 2)));
         seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
-        video::objectMotion(field.a, points, previous.a, {7, 3});
+        seg::ScopedArray<float, 2> support(seg::deviceArray2D<float>(w, h));
+        video::objectMotion(field.a, points, previous.a, {7, 3}, support.a);
         const std::vector<float2> m = download(field.a);
+        const std::vector<float> s = download(support.a);
         for (unsigned int y : {2u, 30u, 61u}) {
             EXPECT_NEAR(motionOfPixel(m, w, 40, y).x, -4.0f, 1e-3) << "row " << y;  // came from 44: label 7
             EXPECT_NEAR(motionOfPixel(m, w, 56, y).x, 4.0f, 1e-3) << "row " << y;   // came from 52: label 3
-            // Uncovered between them: neither object lands there, all points' mean.
+            EXPECT_EQ(s[y * w + 40], 1.0f);
+            EXPECT_EQ(s[y * w + 56], 1.0f);
+            // Uncovered between them: neither object lands there, all points'
+            // mean, and no support.
             EXPECT_LT(std::abs(motionOfPixel(m, w, 48, y).x), 4.0f - 1e-3) << "row " << y;
+            EXPECT_EQ(s[y * w + 48], 0.0f);
         }
-        EXPECT_THROW(video::objectMotion(field.a, points, previous.a, {7}), std::runtime_error);
+        EXPECT_THROW(video::objectMotion(field.a, points, previous.a, {7}, support.a), std::runtime_error);
     }
 }
 
@@ -186,6 +192,21 @@ TEST(Motion, ColourDifferenceIsSmallAlongTheMotionAndLargeAcrossACut) {
     EXPECT_GT(video::movedColourDifference(a.a, b.a, still.a), video::kCutDifference);
     EXPECT_GT(video::movedColourDifference(other.a, b.a, moving.a), video::kCutDifference);
     EXPECT_EQ(video::movedColourDifference(b.a, b.a, still.a), 0.0);
+
+    // Pixel by pixel: changed only where the motion uncovers the borders, or
+    // where it brings no label (support below one half).
+    std::vector<float> support(w * h, 1.0f);
+    support[15 * w + 20] = 0.25f;
+    seg::ScopedArray<float, 2> supportArray(upload(support, w, h)), changed(seg::deviceArray2D<float>(w, h));
+    video::changedPixels(changed.a, a.a, b.a, moving.a, supportArray.a, 20.0f);
+    const std::vector<float> c = download(changed.a);
+    for (unsigned int y = 1; y < h; ++y)
+        for (unsigned int x = 2; x < w; ++x)
+            ASSERT_EQ(c[y * w + x], x == 20 && y == 15 ? 1.0f : 0.0f) << x << ", " << y;
+    video::changedPixels(changed.a, other.a, b.a, moving.a, supportArray.a, 20.0f);
+    float changedCount = 0.0f;
+    for (float v : download(changed.a)) changedCount += v;
+    EXPECT_GT(changedCount, 0.5f * w * h);
 }
 
 // A square of one colour on another, at column `left`; seeds of label 0 on the
@@ -207,9 +228,10 @@ struct SquareFrame {
     }
 };
 
-// The tracks of SquareFrame: one on the square, two on the background.
+// The tracks of SquareFrame: one on the square (track label 9), two on the
+// background (track label 4).
 std::vector<MotionPoint> squareMotion(unsigned int from, unsigned int to) {
-    return {{float(to + 6), 16, float(from + 6), 16, 1}, {2, 2, 2, 2, 0}, {45, 29, 45, 29, 0}};
+    return {{float(to + 6), 16, float(from + 6), 16, 9}, {2, 2, 2, 2, 4}, {45, 29, 45, 29, 4}};
 }
 
 struct VideoRun {
@@ -283,6 +305,33 @@ TEST(VideoState, CarriesAMovingSquareAndStartsAfreshAtACut) {
     run.state.reset();
     run.frame(second, squareMotion(13, 13), {4, 9});
     EXPECT_FALSE(run.state.continued());
+}
+
+// With the walker term, a continued frame keeps the walker's probabilities
+// moved from the frame before where they hold and solves only near the
+// square's edges: fewer iterations, the same square.
+TEST(VideoState, TheWalkerSolvesAgainOnlyWhereTheFrameBeforeMayNotHold) {
+    VideoRun run;
+    run.settings.dataTerm = DataTerm::WALKER;
+    run.settings.walkerIterations = 1000;
+    run.settings.walkerTolerance = 1e-4f;
+    run.settings.temporalWalkerTolerance = 1e-4f;
+    run.settings.temporalWalkerRadius = 2;
+    run.frame(SquareFrame(10), {}, {4, 9});
+    const int cold = run.state.walkerIterations();
+    const std::vector<float> square = run.frame(SquareFrame(13), squareMotion(10, 13), {4, 9});
+    ASSERT_TRUE(run.state.continued());
+    EXPECT_GT(run.state.walkerIterations(), 0);
+    EXPECT_LT(run.state.walkerIterations(), cold);
+    const unsigned int w = SquareFrame::w;
+    for (unsigned int y = 0; y < SquareFrame::h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            const bool in = x >= 14 && x < 24 && y >= 11 && y < 21;
+            const bool out = x < 12 || x >= 26 || y < 9 || y >= 23;
+            if (in || out) {
+                ASSERT_EQ(square[y * w + x], in ? 1.0f : 0.0f) << x << ", " << y;
+            }
+        }
 }
 
 }  // namespace

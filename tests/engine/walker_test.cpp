@@ -9,6 +9,7 @@
 
 #include "engine_test_util.h"
 #include "src/dataterms/seed_check.h"
+#include "src/dataterms/walker_region.h"
 #include "src/segment.h"
 #include "src/solver/ops.h"
 
@@ -179,35 +180,110 @@ TEST_P(WalkerCost, FlatImageSingleLabelAndZeroWeight) {
     EXPECT_EQ(walkerCostMap(one, 1, walkerSettings(0.0f)), indicator);
 }
 
-// A warm start changes where the conjugate gradients begin, not where they
-// end: from the solution itself next to no iteration is needed, and from a poor guess
-// (the solution mixed with its labels swapped) they reach the same costs.
-TEST_P(WalkerCost, AWarmStartEndsAtTheSameSolution) {
-    const Frame f = texturedFrame(37, 11);
-    const unsigned int nLabels = 3, n = f.w * f.h;
-    const SegmentationSettings settings = walkerSettings(1.0f);
-    seg::ScopedArray<float, 3> solution;
-    int coldIterations = 0, warmIterations = -1;
-    const std::vector<float> cold = walkerCostMap(f, nLabels, settings, {nullptr, &solution.a, &coldIterations});
-    EXPECT_GT(coldIterations, 5);
+// A solve restricted to where the start may not hold: from the solution
+// itself it ends at the same costs (the free pixels, solved from 0, meet the
+// kept ones at the solution); from a start fairly sure of label 0 everywhere
+// it keeps that start beyond the radius around the seeds that contradict it
+// and around the pixels marked changed, and solves within.
+TEST_P(WalkerCost, ARestrictedSolveKeepsTheStartWhereItHolds) {
+    const Frame f = texturedFrame(70, 20);
+    const unsigned int nLabels = 3, n = f.w * f.h, radius = 3;
+    SegmentationSettings settings = walkerSettings(1.0f);
+    settings.walkerBeta = 50.0f;
+    seg::ScopedArray<float, 3> solution, kept;
+    int coldIterations = 0, iterations = -1;
+    const std::vector<float> cold =
+        walkerCostMap(f, nLabels, settings, {nullptr, 0, nullptr, &solution.a, &coldIterations});
+    const std::vector<float> again =
+        walkerCostMap(f, nLabels, settings, {&solution.a, radius, nullptr, nullptr, &iterations});
+    EXPECT_LT(iterations, coldIterations);
+    for (std::size_t i = 0; i < cold.size(); ++i) ASSERT_NEAR(again[i], cold[i], 2e-3) << "element " << i;
 
-    walkerCostMap(f, nLabels, settings, {&solution.a, nullptr, &warmIterations});
-    EXPECT_LE(warmIterations, 2);  // the residual recomputed in float sits at the tolerance
-
-    std::vector<float> guess = download(solution.a);
-    for (unsigned int i = 0; i < n; ++i) {
-        const float first = guess[i];
-        guess[i] = 0.5f * first + 0.5f * guess[n + i];
-        guess[n + i] = 0.5f * guess[n + i] + 0.5f * first;
-    }
-    seg::ScopedArray<float, 3> start(seg::deviceArray3D<float>(f.w, f.h, nLabels));
-    vela::arrayCopy(start.a, vela::arrayFromHostMemory(guess.data(), make_uint3(f.w, f.h, nLabels)));
-    const std::vector<float> warm = walkerCostMap(f, nLabels, settings, {&start.a, nullptr, &warmIterations});
-    EXPECT_GT(warmIterations, 0);
-    for (std::size_t i = 0; i < cold.size(); ++i) ASSERT_NEAR(warm[i], cold[i], 2e-3) << "element " << i;
+    const float sure = 0.95f;
+    std::vector<float> start(n * nLabels, 0.0f);
+    std::fill(start.begin(), start.begin() + n, sure);
+    std::fill(start.begin() + n, start.begin() + 2 * n, 1.0f - sure);
+    seg::ScopedArray<float, 3> startArray(seg::deviceArray3D<float>(f.w, f.h, nLabels));
+    vela::arrayCopy(startArray.a, vela::arrayFromHostMemory(start.data(), make_uint3(f.w, f.h, nLabels)));
+    // Changed next to the label-0 seed at (1, 1): the solve lifts label 0 there.
+    const unsigned int changedX = 3, changedY = 2;
+    std::vector<float> changedPixels(n, 0.0f);
+    changedPixels[changedY * f.w + changedX] = 1.0f;
+    seg::ScopedArray<float, 2> changed(upload(changedPixels, f.w, f.h));
+    walkerCostMap(f, nLabels, settings, {&startArray.a, radius, &changed.a, &kept.a, &iterations});
+    EXPECT_GT(iterations, 0);
+    const std::vector<float> probabilities = download(kept.a);
+    auto within = [&](unsigned int x, unsigned int y, unsigned int i) {
+        return std::max(std::abs(int(x) - int(i % f.w)), std::abs(int(y) - int(i / f.w))) <= int(radius);
+    };
+    unsigned int keptPixels = 0, solvedPixels = 0;
+    for (unsigned int y = 0; y < f.h; ++y)
+        for (unsigned int x = 0; x < f.w; ++x) {
+            if (f.labels[y * f.w + x] >= 0) continue;
+            bool free = within(x, y, changedY * f.w + changedX);
+            for (unsigned int i = 0; i < n; ++i) free = free || (f.labels[i] > 0 && within(x, y, i));
+            const float label0 = probabilities[y * f.w + x];
+            if (!free) {
+                ASSERT_EQ(label0, sure) << x << ", " << y;
+                ++keptPixels;
+            }
+            solvedPixels += free && label0 != sure;
+        }
+    EXPECT_GT(keptPixels, n / 2);
+    EXPECT_GT(solvedPixels, 20u);
+    EXPECT_GT(probabilities[1 * f.w + 2], sure);
 }
 
 INSTANTIATE_TEST_SUITE_P(HostPaths, WalkerCost, testing::Values(seg::HostSweep::Rows, seg::HostSweep::Threads));
+
+// The free region against a plain loop: a guess of blocks of labels, some
+// pixels unsure, seeds that agree and seeds that do not, a changed pixel;
+// 37 x 11 spans partial blocks.
+TEST(WalkerRegion, FreeWithinTheRadiusOfBoundariesDoubtsContradictionsAndChanges) {
+    const unsigned int w = 37, h = 11, nLabels = 3, radius = 2;
+    std::vector<float> guess(w * h * nLabels, 0.0f), seeds(w * h, -1.0f), changedPixels(w * h, 0.0f);
+    std::vector<unsigned int> best(w * h);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            const unsigned int i = y * w + x, label = (x / 13 + y / 6) % nLabels;
+            const bool unsure = (x * 7 + y * 3) % 23 == 0;
+            best[i] = label;
+            guess[label * w * h + i] = unsure ? 0.6f : 0.95f;
+            guess[((label + 1) % nLabels) * w * h + i] = unsure ? 0.4f : 0.05f;
+        }
+    seeds[5 * w + 3] = static_cast<float>(best[5 * w + 3]);              // agrees
+    seeds[2 * w + 20] = static_cast<float>((best[2 * w + 20] + 1) % 3);  // contradicts
+    seeds[9 * w + 35] = 7.0f;                                            // no label: no seed
+    changedPixels[8 * w + 6] = 1.0f;
+
+    std::vector<bool> unsettled(w * h);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            const unsigned int i = y * w + x;
+            const int seed = seeds[i] >= 0 && seeds[i] < nLabels ? int(seeds[i]) : -1;
+            unsettled[i] = guess[best[i] * w * h + i] < 0.9f || (seed >= 0 && seed != int(best[i])) ||
+                           changedPixels[i] != 0.0f || (x + 1 < w && best[i + 1] != best[i]) ||
+                           (y + 1 < h && best[i + w] != best[i]);
+        }
+    seg::ScopedArray<float, 3> guessArray(seg::deviceArray3D<float>(w, h, nLabels));
+    vela::arrayCopy(guessArray.a, vela::arrayFromHostMemory(guess.data(), make_uint3(w, h, nLabels)));
+    seg::ScopedArray<float, 2> labels(upload(seeds, w, h)), changed(upload(changedPixels, w, h));
+    seg::ScopedArray<float, 2> free(seg::deviceArray2D<float>(w, h));
+    seg::markFreePixels(free.a, guessArray.a, labels.a, changed.a, radius);
+    const std::vector<float> got = download(free.a);
+    unsigned int freeCount = 0;
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            bool expected = false;
+            for (unsigned int j = y > radius ? y - radius : 0; j <= y + radius && j < h; ++j)
+                for (unsigned int i = x > radius ? x - radius : 0; i <= x + radius && i < w; ++i)
+                    expected = expected || unsettled[j * w + i];
+            ASSERT_EQ(got[y * w + x], expected ? 1.0f : 0.0f) << x << ", " << y;
+            freeCount += expected;
+        }
+    EXPECT_GT(freeCount, 0u);
+    EXPECT_LT(freeCount, w * h);
+}
 
 // Each seed against a plain count of the colour-weighted votes around it;
 // frames wider and taller than a block, seeds at the borders.
