@@ -327,10 +327,17 @@ class WalkerSteps {
         run<StartOutsideStep>();
         const LabelSums sums = run<ResidualStep>();
         const unsigned int n = static_cast<unsigned int>(segments.size());
-        hostSegments_ = std::move(segments);
+        hostSpans_.clear();
+        for (const uint2& segment : segments) {
+            const unsigned int end = std::min(segment.x + kSegment, a_.x.extents.x);
+            if (!hostSpans_.empty() && hostSpans_.back().z == segment.y && hostSpans_.back().y == segment.x)
+                hostSpans_.back().y = end;
+            else
+                hostSpans_.push_back(make_uint3(segment.x, end, segment.y));
+        }
         if (n > 0) {
             segments_.emplace(seg::deviceArray1D<uint2>(n));
-            vela::arrayCopy(segments_->a, seg::hostView1D(hostSegments_.data(), n));
+            vela::arrayCopy(segments_->a, seg::hostView1D(segments.data(), n));
         }
         segmentGrid_ = dim3(vela::device::blocksFor(n, kSegmentRows), 1, grid_.z);
         segmentSums_.emplace(segmentGrid_, 2);
@@ -361,39 +368,35 @@ class WalkerSteps {
             check(__LINE__);
             sums = labelSums(reader.read());
         };
-        // The blocks of kSegmentRows segments the kernel would run, as loops,
-        // each block for every label in turn while its weights are at hand.
+        // The segments as row loops, consecutive segments of a row joined
+        // into one span (the sums come per span), each span for every label
+        // in turn while its weights are at hand.
         auto segmentLoops = [&] {
-            const std::size_t n = hostSegments_.size(), blocks = segmentGrid_.x;
-            blockFirst_.assign(blocks * labels, 0.0);
-            blockSecond_.assign(blocks * labels, 0.0);
-            const long long count = static_cast<long long>(blocks);
+            const std::size_t spans = hostSpans_.size();
+            blockFirst_.assign(spans * labels, 0.0);
+            blockSecond_.assign(spans * labels, 0.0);
+            const long long count = static_cast<long long>(spans);
             VELA_PRAGMA_OMP(omp parallel) {
                 const vela::device::SubnormalsFlushed mode(walkerStep_kernel<Step>::flushSubnormals);
             VELA_PRAGMA_OMP(omp for schedule(static))
-            for (long long b = 0; b < count; ++b) {
-                const std::size_t first = static_cast<std::size_t>(b) * kSegmentRows;
-                const std::size_t last = std::min(first + kSegmentRows, n);
+            for (long long i = 0; i < count; ++i) {
+                const uint3 span = hostSpans_[static_cast<std::size_t>(i)];
                 for (unsigned int l = 0; l < labels; ++l) {
                     double s0 = 0.0, s1 = 0.0;
-                    for (std::size_t k = first; k < last; ++k) {
-                        const uint2 segment = hostSegments_[k];
-                        const unsigned int end = std::min(segment.x + kSegment, w);
-                        for (unsigned int x = segment.x; x < end; ++x) {
-                            const float2 v = Step{}(a_, x, segment.y, l, c[l]);
-                            s0 += v.x;
-                            s1 += v.y;
-                        }
+                    for (unsigned int x = span.x; x < span.y; ++x) {
+                        const float2 v = Step{}(a_, x, span.z, l, c[l]);
+                        s0 += v.x;
+                        s1 += v.y;
                     }
-                    blockFirst_[l * blocks + static_cast<std::size_t>(b)] = s0;
-                    blockSecond_[l * blocks + static_cast<std::size_t>(b)] = s1;
+                    blockFirst_[l * spans + static_cast<std::size_t>(i)] = s0;
+                    blockSecond_[l * spans + static_cast<std::size_t>(i)] = s1;
                 }
             }
             }
             for (unsigned int l = 0; l < labels; ++l)
-                for (std::size_t b = 0; b < blocks; ++b) {
-                    sums.first[l] += blockFirst_[l * blocks + b];
-                    sums.second[l] += blockSecond_[l * blocks + b];
+                for (std::size_t i = 0; i < spans; ++i) {
+                    sums.first[l] += blockFirst_[l * spans + i];
+                    sums.second[l] += blockSecond_[l * spans + i];
                 }
         };
         auto rows = [&] {
@@ -438,11 +441,11 @@ class WalkerSteps {
     seg::BlockSumReader sums_;
     LabelCoefficients coefficients_;
     // A restricted solve's segments, on the host and the device, and its sums.
-    std::vector<uint2> hostSegments_;
+    std::vector<uint3> hostSpans_;                         // (first x, end x, y): the host's runs of segments
     std::optional<vela::ScopedArray<uint2, 1>> segments_;  // none: no segment
     dim3 segmentGrid_;
     std::optional<seg::BlockSumReader> segmentSums_;
-    std::vector<double> blockFirst_, blockSecond_;  // the host loops' block sums
+    std::vector<double> blockFirst_, blockSecond_;  // the host loops' sums per span
 };
 
 // The row segments of kSegment pixels that hold a pixel the solve must move:
