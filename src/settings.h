@@ -74,7 +74,7 @@ struct SegmentationSettings {
     // "temporalWalkerTolerance" (0: walkerTolerance); 0, it solves every
     // frame afresh.
     int temporalWalkerRadius = 4;
-    float temporalWalkerTolerance = 0.005f;
+    float temporalWalkerTolerance = 0.01f;
 };
 
 // Reads the settings from `config` into `settings`.  False, with `error`

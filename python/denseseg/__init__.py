@@ -92,7 +92,7 @@ _VIDEO_SETTINGS = (
     ("temporal", "i", "temporal", 1, False),
     ("temporal_weight", "f", "temporalWeight", 0.3, False),
     ("temporal_walker_radius", "i", "temporalWalkerRadius", 4, False),
-    ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.005, False),
+    ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.01, False),
 )
 _ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
 _KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
@@ -607,7 +607,7 @@ def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarr
         pixels whose colour changed); 0: it solves every frame afresh
         (``temporalWalkerRadius``).
     temporal_walker_tolerance : float, optional
-        Relative residual at which those solves stop, 0.005 by default; 0:
+        Relative residual at which those solves stop, 0.01 by default; 0:
         ``walker_tolerance`` (``temporalWalkerTolerance``).
     **settings
         Any keyword of :func:`segment` but `num_labels` and
