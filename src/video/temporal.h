@@ -3,7 +3,8 @@
 // are where this frame's primal-dual iteration starts, its labelling, moved,
 // is a weak extra cost, and its walker probabilities, moved, stand wherever
 // they still hold (with temporalWalkerRadius): the walker solves again only
-// near boundaries, contradicting seeds and pixels whose colour changed.
+// near boundaries, contradicting seeds and changed pixels (whose colour
+// changed, or that no label of the frame before reaches).
 //
 // Nothing wrong is carried forward on purpose: this frame's seeds keep their
 // own costs, a label without seeds in this frame is not among its labels, and
@@ -24,7 +25,8 @@ namespace video {
 // a cut.
 constexpr double kCutDifference = 40.0;
 // Mean colour difference per channel above which a pixel counts as changed
-// since the frame before: a warm-started walker solves there again.
+// since the frame before: the walker solves there again, and the moved
+// labelling adds no cost.
 constexpr float kChangedDifference = 40.0f;
 
 class VideoState {
