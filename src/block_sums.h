@@ -36,7 +36,7 @@ struct GridPixel {
 
     // The same in a launch over row segments: block row j of block b works
     // on segments(b * blockDim.y + j), blockDim.x pixels of one row from
-    // (segment.x, segment.y); the segments come in whole blocks of them.
+    // (segment.x, segment.y); block rows past the last segment are outside.
     VELA_HD GridPixel(const vela::device::Thread& t, const vela::Array<uint2, 1>& segments, unsigned int w) {
         const unsigned int index = t.blockIdx.x * t.blockDim.y + t.threadIdx.y;
         inside = index < segments.extents.x;
