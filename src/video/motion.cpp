@@ -130,22 +130,48 @@ struct Origin {
 
 // Each label's own motion where its tracks reach (weight above kLeastReach),
 // scored by how much of that label the frame before had at the origin it
-// gives; the best label's motion wins.  Layer 0 of `cells` holds all points'
+// gives; the best label's motion wins.  Where two labels score within
+// kTiedShare of each other, both explain the pixel (at an object's leading
+// edge the background stood here and the object stood at its own origin),
+// and the one whose origin looks like the pixel wins: the object that now
+// covers it.  Layer 0 of `cells` holds all points'
 // motion (the fallback), layer j + 1 that of label j of `previous`.
 constexpr float kLeastReach = 0.05f;
 // Below this share of the winning label at the origin (against the largest
 // label's there), no label of the frame before arrives at a pixel: it was
 // hidden or outside the frame.
 constexpr float kLeastSupport = 0.5f;
+constexpr float kTiedShare = 0.25f;
+
+// Mean absolute colour difference per channel between the 3 x 3 patch around
+// (x, y) in `image` and the one around its origin under motion m in
+// `previous` (nearest pixels, clamped at the border).
+VELA_HD inline float patchDifference(const Array<float4, 2>& image, const Array<float4, 2>& previous, unsigned int x,
+                                     unsigned int y, float2 m) {
+    const int w = static_cast<int>(image.extents.x), h = static_cast<int>(image.extents.y);
+    auto clampTo = [](int v, int n) { return v < 0 ? 0 : v >= n ? n - 1 : v; };
+    const int ox = static_cast<int>(floorf(static_cast<float>(x) - m.x + 0.5f));
+    const int oy = static_cast<int>(floorf(static_cast<float>(y) - m.y + 0.5f));
+    float sum = 0.0f;
+    for (int dy = -1; dy <= 1; ++dy)
+        for (int dx = -1; dx <= 1; ++dx) {
+            const float4 a = vela::at(image, static_cast<unsigned int>(clampTo(static_cast<int>(x) + dx, w)),
+                                      static_cast<unsigned int>(clampTo(static_cast<int>(y) + dy, h)));
+            const float4 b = vela::at(previous, static_cast<unsigned int>(clampTo(ox + dx, w)),
+                                      static_cast<unsigned int>(clampTo(oy + dy, h)));
+            sum += fabsf(a.x - b.x) + fabsf(a.y - b.y) + fabsf(a.z - b.z);
+        }
+    return sum / 27.0f;
+}
 
 struct objectMotion_kernel {
     VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells, Array<float, 3> previous,
-                            Array<float, 2> support) const {
+                            Array<float4, 2> image, Array<float4, 2> previousImage, Array<float, 2> support) const {
         unsigned int x, y;
         if (!pixelOf(t, motion.extents.x, motion.extents.y, x, y)) return;
         const float4 all = cellsAt(cells, 0, x, y);
         float2 best = make_float2(all.x, all.y);
-        float bestScore = 0.0f;
+        float bestScore = 0.0f, bestDifference = 0.0f;
         for (unsigned int j = 0; j < previous.extents.z; ++j) {
             const float4 m = cellsAt(cells, j + 1, x, y);
             if (m.z < kLeastReach) continue;
@@ -153,8 +179,12 @@ struct objectMotion_kernel {
             Origin o;
             if (!o.find(motion, x, y)) continue;
             const float score = o.read(previous, j);
-            if (score > bestScore) {
+            if (score <= 0.0f) continue;
+            const float difference = patchDifference(image, previousImage, x, y, make_float2(m.x, m.y));
+            const bool tied = bestScore > 0.0f && fabsf(score - bestScore) < kTiedShare;
+            if (tied ? difference < bestDifference : score > bestScore) {
                 bestScore = score;
+                bestDifference = difference;
                 best = make_float2(m.x, m.y);
             }
         }
@@ -324,10 +354,13 @@ void denseMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& point
 }
 
 void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points, const Array<float, 3>& previous,
-                  const std::vector<int>& previousLabels, Array<float, 2>& support) {
+                  const std::vector<int>& previousLabels, const Array<float4, 2>& image,
+                  const Array<float4, 2>& previousImage, Array<float, 2>& support) {
     const unsigned int w = motion.extents.x, h = motion.extents.y;
     requireSameSize("objectMotion", previous, motion);
     requireSameSize("objectMotion", support, motion);
+    requireSameSize("objectMotion", image, motion);
+    requireSameSize("objectMotion", previousImage, motion);
     if (previousLabels.size() != previous.extents.z)
         throw std::runtime_error("video::objectMotion: one label per layer of the labelling before");
     if (w == 0 || h == 0) return;
@@ -336,7 +369,8 @@ void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& poin
         const auto found = std::find(previousLabels.begin(), previousLabels.end(), p.label);
         return found == previousLabels.end() ? -1 : static_cast<int>(found - previousLabels.begin());
     }));
-    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous, support);
+    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous, image,
+                                              previousImage, support);
     check(__LINE__);
 }
 

@@ -26,13 +26,17 @@ void denseMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>&
 // finds itself there in `previous` (the frame before's relaxed labelling,
 // W x H x L', layer j holding track label previousLabels[j]).  Motion edges
 // then follow the objects' boundaries instead of blurring across them.  Where
-// no label's tracks reach, the motion of all points (denseMotion).
+// two labels find themselves about as well (at a moving object's leading
+// edge), the one whose origin in `previousImage` looks most like the pixel in
+// `image` (both W x H, device, 0 to 255) wins.  Where no label's tracks reach,
+// the motion of all points (denseMotion).
 // `support` (W x H, device) receives the winning label's share at the origin
 // over the largest label's share there (0 to 1): low where no label of the
 // frame before arrives (a pixel uncovered by a moving object, or one entering
 // the frame).
 void objectMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>& points,
                   const vela::Array<float, 3>& previous, const std::vector<int>& previousLabels,
+                  const vela::Array<float4, 2>& image, const vela::Array<float4, 2>& previousImage,
                   vela::Array<float, 2>& support);
 
 // The previous frame's layers (W x H x L', device) moved to this frame: layer

@@ -77,7 +77,7 @@ void VideoState::prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
     if (n > 0 && !motion.empty() && sameExtents(image_, w, h) && sameExtents(relaxed_, w, h, labelIds_.size())) {
         field.a = seg::deviceArray2D<float2>(w, h);
         support.a = seg::deviceArray2D<float>(w, h);
-        objectMotion(field.a, motion, relaxed_, labelIds_, support.a);
+        objectMotion(field.a, motion, relaxed_, labelIds_, seg.image, image_, support.a);
         continued_ = movedColourDifference(seg.image, image_, field.a) <= kCutDifference;
     }
 

@@ -103,6 +103,14 @@ TEST(MoveLayers, EachLayerIsReadAtThePixelsOriginLikeAPlainLoop) {
     EXPECT_THROW(video::moveLayers(out.a, prev.a, motion.a, {0, 1}, false, 0.0f), std::runtime_error);
 }
 
+std::vector<float4> texture(unsigned int w, unsigned int h, unsigned int seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> value(0.0f, 255.0f);
+    std::vector<float4> image(w * h);
+    for (float4& c : image) c = make_float4(value(rng), value(rng), value(rng), 0.0f);
+    return image;
+}
+
 std::vector<MotionPoint> gridOfPoints(unsigned int x0, unsigned int x1, unsigned int h, float2 m, int label) {
     std::vector<MotionPoint> points;
     for (unsigned int y = 4; y < h; y += 8)
@@ -153,7 +161,8 @@ TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
         vela::arrayCopy(previous.a, vela::arrayFromHostMemory(before.data(), make_uint3(w, h, 2)));
         seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
         seg::ScopedArray<float, 2> support(seg::deviceArray2D<float>(w, h));
-        video::objectMotion(field.a, points, previous.a, {7, 3}, support.a);
+        const Image flat(upload(std::vector<float4>(w * h, make_float4(90, 90, 90, 0)), w, h));
+        video::objectMotion(field.a, points, previous.a, {7, 3}, flat.a, flat.a, support.a);
         const std::vector<float2> m = download(field.a);
         const std::vector<float> s = download(support.a);
         for (unsigned int y : {2u, 30u, 61u}) {
@@ -166,16 +175,42 @@ TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
             EXPECT_LT(std::abs(motionOfPixel(m, w, 48, y).x), 4.0f - 1e-3) << "row " << y;
             EXPECT_EQ(s[y * w + 48], 0.0f);
         }
-        EXPECT_THROW(video::objectMotion(field.a, points, previous.a, {7}, support.a), std::runtime_error);
+        EXPECT_THROW(video::objectMotion(field.a, points, previous.a, {7}, flat.a, flat.a, support.a),
+                     std::runtime_error);
     }
-}
-
-std::vector<float4> texture(unsigned int w, unsigned int h, unsigned int seed) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> value(0.0f, 255.0f);
-    std::vector<float4> image(w * h);
-    for (float4& c : image) c = make_float4(value(rng), value(rng), value(rng), 0.0f);
-    return image;
+    {
+        // Label 3, a textured square, moves 4 px right over the still
+        // background of label 7.  At its leading edge both labels find
+        // themselves at their origins; the pixels show the square, so its
+        // motion wins.
+        const unsigned int w = 96, h = 64, x0 = 30, x1 = 60;
+        std::vector<float> before(w * h * 2);
+        const std::vector<float4> ground = texture(w, h, 3), square = texture(w, h, 4);
+        std::vector<float4> imageBefore(w * h), imageNow(w * h);
+        for (unsigned int y = 0; y < h; ++y)
+            for (unsigned int x = 0; x < w; ++x) {
+                const bool inBefore = x >= x0 && x < x1, inNow = x >= x0 + 4 && x < x1 + 4;
+                before[y * w + x] = inBefore ? 0.0f : 1.0f;
+                before[(h + y) * w + x] = inBefore ? 1.0f : 0.0f;
+                imageBefore[y * w + x] = inBefore ? square[y * w + x] : ground[y * w + x];
+                imageNow[y * w + x] = inNow ? square[y * w + x - 4] : ground[y * w + x];
+            }
+        std::vector<MotionPoint> points = gridOfPoints(0, 24, h, make_float2(0, 0), 7);
+        const std::vector<MotionPoint> still = gridOfPoints(72, w, h, make_float2(0, 0), 7);
+        const std::vector<MotionPoint> moving = gridOfPoints(x0 + 4, x1, h, make_float2(4, 0), 3);
+        points.insert(points.end(), still.begin(), still.end());
+        points.insert(points.end(), moving.begin(), moving.end());
+        seg::ScopedArray<float, 3> previous(seg::deviceArray3D<float>(w, h, 2));
+        vela::arrayCopy(previous.a, vela::arrayFromHostMemory(before.data(), make_uint3(w, h, 2)));
+        const Image now(upload(imageNow, w, h)), then(upload(imageBefore, w, h));
+        seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
+        seg::ScopedArray<float, 2> support(seg::deviceArray2D<float>(w, h));
+        video::objectMotion(field.a, points, previous.a, {7, 3}, now.a, then.a, support.a);
+        const std::vector<float2> m = download(field.a);
+        for (unsigned int y : {10u, 30u, 50u})
+            for (unsigned int x = x1; x < x1 + 3; ++x)
+                EXPECT_NEAR(motionOfPixel(m, w, x, y).x, 4.0f, 0.05f) << "pixel " << x << ", " << y;
+    }
 }
 
 TEST(Motion, ColourDifferenceIsSmallAlongTheMotionAndLargeAcrossACut) {
