@@ -95,6 +95,7 @@ bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings,
                     readFloatKey(config, "lambdaSeedDensity", 0.0f, 1.0f, s.lambdaSeedDensity, error) &&
                     readIntKey(config, "temporal", 0, 1, s.temporal, error) &&
                     readFloatKey(config, "temporalWeight", 0.0f, 1e6f, s.temporalWeight, error) &&
+                    readFloatKey(config, "temporalMotionWeight", 0.0f, 1e6f, s.temporalMotionWeight, error) &&
                     readFloatKey(config, "temporalWalkerTolerance", 0.0f, 1.0f, s.temporalWalkerTolerance, error) &&
                     readIntKey(config, "temporalWalkerRadius", 0, 100, s.temporalWalkerRadius, error) &&
                     readIntKey(config, "costFilterRadius", 0, 100, s.costFilterRadius, error) &&

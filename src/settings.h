@@ -68,6 +68,8 @@ struct SegmentationSettings {
     // (src/video/temporal.h).
     int temporal = 0;             // "temporal": 0 every frame afresh, 1 on
     float temporalWeight = 0.3f;  // "temporalWeight": weight of the moved labelling as a cost
+    // "temporalMotionWeight": weight of the motion term (src/video/motion_term.h).
+    float temporalMotionWeight = 1.0f;
     // "temporalWalkerRadius": above 0, the walker keeps the frame before's
     // probabilities, moved, and solves again only within this many pixels of
     // where they may not hold (src/dataterms/walker_region.h), stopping at

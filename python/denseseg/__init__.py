@@ -91,6 +91,7 @@ _SETTINGS = (
 _VIDEO_SETTINGS = (
     ("temporal", "i", "temporal", 1, False),
     ("temporal_weight", "f", "temporalWeight", 0.3, False),
+    ("temporal_motion_weight", "f", "temporalMotionWeight", 1.0, False),
     ("temporal_walker_radius", "i", "temporalWalkerRadius", 4, False),
     ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.01, False),
 )
@@ -600,6 +601,11 @@ def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarr
     temporal_weight : float, optional
         Weight of the moved previous labelling as a cost, 0 to 1e6
         (``temporalWeight``).
+    temporal_motion_weight : float, optional
+        Weight of the motion term, 0 to 1e6, 1 by default: a label costs up
+        to this much more where its own tracks' motion brings the pixel's
+        colour from the previous frame worse than another label's does
+        (``temporalMotionWeight``).
     temporal_walker_radius : int, optional
         4 (default): the walker keeps the previous frame's probabilities,
         moved, and solves again only within this many pixels of where they

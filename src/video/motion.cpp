@@ -7,6 +7,7 @@
 
 #include "src/block_sums.h"
 #include "src/engine_arrays.h"
+#include "src/video/motion_cells.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
 
@@ -18,10 +19,6 @@ using vela::device::Thread;
 
 constexpr const char* kSource = "src/video/motion";
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
-constexpr int kCell = 8;               // pixels per side of a grid cell
-constexpr float kSigma = 12.0f;        // of the points' Gaussian weights, in pixels
-constexpr float kReach = 3.0f;         // points count within kReach * kSigma
-constexpr float kLeastWeight = 1e-4f;  // less total weight: no motion known
 
 // ---------------------------------------------------------------------------
 // Kernels
@@ -31,59 +28,6 @@ VELA_HD inline bool pixelOf(const Thread& t, unsigned int w, unsigned int h, uns
     x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
     y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
     return x < w && y < h;
-}
-
-// Rows of cells above and below a cell whose points can lie within reach of
-// its centre.
-constexpr int kReachRows = static_cast<int>(kReach * kSigma) / kCell + 1;
-
-// The weighted mean motion at each cell's centre and the weights' sum, from
-// the points within reach, one grid layer per group of points.  The points
-// (x, y, fromX, fromY) come sorted by group and by the row of cells they lie
-// in: those of group g in cell row r are first(g, r) .. first(g, r + 1) - 1.
-struct cellMotion_kernel {
-    VELA_HD void operator()(const Thread& t, Array<float4, 3> cells, Array<float4, 1> points,
-                            Array<int, 2> first) const {
-        unsigned int cx, cy;
-        if (!pixelOf(t, cells.extents.x, cells.extents.y, cx, cy)) return;
-        const unsigned int layer = t.blockIdx.z;
-        const float x = (static_cast<float>(cx) + 0.5f) * kCell, y = (static_cast<float>(cy) + 0.5f) * kCell;
-        const float reach2 = kReach * kReach * kSigma * kSigma;
-        const int rows = static_cast<int>(cells.extents.y);
-        const int top = static_cast<int>(cy) - kReachRows > 0 ? static_cast<int>(cy) - kReachRows : 0;
-        const int bottom = static_cast<int>(cy) + kReachRows < rows ? static_cast<int>(cy) + kReachRows : rows - 1;
-        float sx = 0.0f, sy = 0.0f, sw = 0.0f;
-        const int end = vela::at(first, static_cast<unsigned int>(bottom + 1), layer);
-        for (int i = vela::at(first, static_cast<unsigned int>(top), layer); i < end; ++i) {
-            const float4 p = vela::at(points, static_cast<unsigned int>(i));
-            const float dx = p.x - x, dy = p.y - y, d2 = dx * dx + dy * dy;
-            if (d2 > reach2) continue;
-            const float weight = expf(-d2 / (2.0f * kSigma * kSigma));
-            sx += weight * (p.x - p.z);
-            sy += weight * (p.y - p.w);
-            sw += weight;
-        }
-        vela::at(cells, cx, cy, layer) =
-            sw > kLeastWeight ? make_float4(sx / sw, sy / sw, sw, 0.0f) : make_float4(0.0f, 0.0f, 0.0f, 0.0f);
-    }
-};
-
-// A layer of cells read bilinearly at pixel (x, y), clamped at the outer
-// cells' centres: (motion x, motion y, weight).
-VELA_HD inline float4 cellsAt(const Array<float4, 3>& cells, unsigned int layer, unsigned int x, unsigned int y) {
-    const float gx = (static_cast<float>(x) + 0.5f) / kCell - 0.5f;
-    const float gy = (static_cast<float>(y) + 0.5f) / kCell - 0.5f;
-    const float maxX = static_cast<float>(cells.extents.x - 1), maxY = static_cast<float>(cells.extents.y - 1);
-    const float cx = fminf(fmaxf(gx, 0.0f), maxX), cy = fminf(fmaxf(gy, 0.0f), maxY);
-    const unsigned int x0 = static_cast<unsigned int>(cx), y0 = static_cast<unsigned int>(cy);
-    const unsigned int x1 = x0 + 1 < cells.extents.x ? x0 + 1 : x0, y1 = y0 + 1 < cells.extents.y ? y0 + 1 : y0;
-    const float fx = cx - static_cast<float>(x0), fy = cy - static_cast<float>(y0);
-    const float4 a = vela::at(cells, x0, y0, layer), b = vela::at(cells, x1, y0, layer);
-    const float4 c = vela::at(cells, x0, y1, layer), d = vela::at(cells, x1, y1, layer);
-    auto mix = [&](float va, float vb, float vc, float vd) {
-        return (1 - fy) * ((1 - fx) * va + fx * vb) + fy * ((1 - fx) * vc + fx * vd);
-    };
-    return make_float4(mix(a.x, b.x, c.x, d.x), mix(a.y, b.y, c.y, d.y), mix(a.z, b.z, c.z, d.z), 0.0f);
 }
 
 // All points' motion at every pixel.
@@ -143,27 +87,6 @@ constexpr float kLeastReach = 0.05f;
 constexpr float kLeastSupport = 0.5f;
 constexpr float kTiedShare = 0.25f;
 
-// Mean absolute colour difference per channel between the 3 x 3 patch around
-// (x, y) in `image` and the one around its origin under motion m in
-// `previous` (nearest pixels, clamped at the border).
-VELA_HD inline float patchDifference(const Array<float4, 2>& image, const Array<float4, 2>& previous, unsigned int x,
-                                     unsigned int y, float2 m) {
-    const int w = static_cast<int>(image.extents.x), h = static_cast<int>(image.extents.y);
-    auto clampTo = [](int v, int n) { return v < 0 ? 0 : v >= n ? n - 1 : v; };
-    const int ox = static_cast<int>(floorf(static_cast<float>(x) - m.x + 0.5f));
-    const int oy = static_cast<int>(floorf(static_cast<float>(y) - m.y + 0.5f));
-    float sum = 0.0f;
-    for (int dy = -1; dy <= 1; ++dy)
-        for (int dx = -1; dx <= 1; ++dx) {
-            const float4 a = vela::at(image, static_cast<unsigned int>(clampTo(static_cast<int>(x) + dx, w)),
-                                      static_cast<unsigned int>(clampTo(static_cast<int>(y) + dy, h)));
-            const float4 b = vela::at(previous, static_cast<unsigned int>(clampTo(ox + dx, w)),
-                                      static_cast<unsigned int>(clampTo(oy + dy, h)));
-            sum += fabsf(a.x - b.x) + fabsf(a.y - b.y) + fabsf(a.z - b.z);
-        }
-    return sum / 27.0f;
-}
-
 struct objectMotion_kernel {
     VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells, Array<float, 3> previous,
                             Array<float4, 2> image, Array<float4, 2> previousImage, Array<float, 2> support) const {
@@ -180,7 +103,8 @@ struct objectMotion_kernel {
             if (!o.find(motion, x, y)) continue;
             const float score = o.read(previous, j);
             if (score <= 0.0f) continue;
-            const float difference = patchDifference(image, previousImage, x, y, make_float2(m.x, m.y));
+            float difference = 0.0f;
+            originDifference(image, previousImage, x, y, make_float2(m.x, m.y), difference);
             const bool tied = bestScore > 0.0f && fabsf(score - bestScore) < kTiedShare;
             if (tied ? difference < bestDifference : score > bestScore) {
                 bestScore = score;
@@ -297,58 +221,12 @@ void requireSameSize(const char* what, const A& a, const B& b) {
         throw std::runtime_error(std::string("video::") + what + ": the arrays differ in size");
 }
 
-// The cells of every group of points: layer 0 all points, then one layer per
-// group that `groupOf` (-1 for none) puts a point into.
-template <class GroupOf>
-vela::Array<float4, 3> groupCells(unsigned int w, unsigned int h, const std::vector<MotionPoint>& points,
-                                  unsigned int groups, GroupOf groupOf) {
-    // Layer 0 holds every point, layer g + 1 those of group g; within a
-    // layer, by row of cells and otherwise in their order.
-    const unsigned int cw = vela::device::blocksFor(w, kCell), ch = vela::device::blocksFor(h, kCell);
-    std::vector<unsigned int> rowOf(points.size());
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        const float row = std::floor(points[i].y / static_cast<float>(kCell));
-        rowOf[i] = row < 0.0f ? 0u : std::min(static_cast<unsigned int>(row), ch - 1);
-    }
-    std::vector<float4> packed;
-    std::vector<int> first(static_cast<std::size_t>(ch + 1) * (groups + 1), 0);
-    std::vector<std::size_t> layerPoints;
-    for (unsigned int layer = 0; layer <= groups; ++layer) {
-        layerPoints.clear();
-        for (std::size_t i = 0; i < points.size(); ++i)
-            if (layer == 0 || groupOf(points[i]) == static_cast<int>(layer - 1)) layerPoints.push_back(i);
-        std::stable_sort(layerPoints.begin(), layerPoints.end(),
-                         [&](std::size_t a, std::size_t b) { return rowOf[a] < rowOf[b]; });
-        int* rowStart = &first[static_cast<std::size_t>(layer) * (ch + 1)];
-        std::size_t next = 0;
-        for (unsigned int row = 0; row <= ch; ++row) {
-            rowStart[row] = static_cast<int>(packed.size());
-            for (; row < ch && next < layerPoints.size() && rowOf[layerPoints[next]] == row; ++next) {
-                const MotionPoint& p = points[layerPoints[next]];
-                packed.push_back(make_float4(p.x, p.y, p.fromX, p.fromY));
-            }
-        }
-    }
-    vela::ScopedArray<float4, 1> devicePoints;
-    upload(packed, devicePoints);
-    vela::ScopedArray<int, 2> deviceFirst(seg::deviceArray2D<int>(ch + 1, groups + 1));
-    vela::arrayCopy(deviceFirst.a, vela::arrayFromHostMemory(first.data(), make_uint2(ch + 1, groups + 1)));
-    vela::ScopedArray<float4, 3> cells(seg::deviceArray3D<float4>(cw, ch, groups + 1));
-    const dim3 g = grid(cw, ch);
-    vela::device::launch<cellMotion_kernel>(dim3(g.x, g.y, groups + 1), block(), nullptr, cells.a, devicePoints.a,
-                                            deviceFirst.a);
-    check(__LINE__);
-    const vela::Array<float4, 3> result = cells.a;
-    cells.a = vela::Array<float4, 3>{};
-    return result;
-}
-
 }  // namespace
 
 void denseMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points) {
     const unsigned int w = motion.extents.x, h = motion.extents.y;
     if (w == 0 || h == 0) return;
-    vela::ScopedArray<float4, 3> cells(groupCells(w, h, points, 0, [](const MotionPoint&) { return -1; }));
+    vela::ScopedArray<float4, 3> cells(motionCells(w, h, points, 0, {}));
     vela::device::launch<pixelMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a);
     check(__LINE__);
 }
@@ -365,10 +243,12 @@ void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& poin
         throw std::runtime_error("video::objectMotion: one label per layer of the labelling before");
     if (w == 0 || h == 0) return;
     const unsigned int labels = previous.extents.z;
-    vela::ScopedArray<float4, 3> cells(groupCells(w, h, points, labels, [&](const MotionPoint& p) {
-        const auto found = std::find(previousLabels.begin(), previousLabels.end(), p.label);
-        return found == previousLabels.end() ? -1 : static_cast<int>(found - previousLabels.begin());
-    }));
+    std::vector<int> groupOf(points.size(), -1);
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const auto found = std::find(previousLabels.begin(), previousLabels.end(), points[i].label);
+        if (found != previousLabels.end()) groupOf[i] = static_cast<int>(found - previousLabels.begin());
+    }
+    vela::ScopedArray<float4, 3> cells(motionCells(w, h, points, labels, groupOf));
     vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous, image,
                                               previousImage, support);
     check(__LINE__);

@@ -6,6 +6,7 @@
 #include "src/dataterms/walker.h"
 #include "src/engine_arrays.h"
 #include "src/segment.h"
+#include "src/video/motion_term.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
 
@@ -112,6 +113,11 @@ void VideoState::prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
                         WalkerCarry{walkerStart.a.data ? &walkerStart.a : nullptr,
                                     static_cast<unsigned int>(settings.temporalWalkerRadius),
                                     changed.a.data ? &changed.a : nullptr, &walker_, &walkerIterations_});
+    if (continued_ && settings.temporalMotionWeight > 0.0f) {
+        std::vector<int> ids = labelIds;
+        ids.resize(n, -1);
+        addMotionCost(seg.costMap, motion, ids, seg.image, image_, labels, settings.temporalMotionWeight);
+    }
     if (continued_ && settings.temporalWeight > 0.0f) {
         const dim3 block(kBlockX, kBlockY);
         const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));

@@ -4,7 +4,9 @@
 // is a weak extra cost, and its walker probabilities, moved, stand wherever
 // they still hold (with temporalWalkerRadius): the walker solves again only
 // near boundaries, contradicting seeds and changed pixels (whose colour
-// changed, or that no label of the frame before reaches).
+// changed, or that no label of the frame before reaches).  Its image adds the
+// motion term (src/video/motion_term.h): a label costs where its own motion
+// does not bring the pixel's colour.
 //
 // Nothing wrong is carried forward on purpose: this frame's seeds keep their
 // own costs, a label without seeds in this frame is not among its labels, and

@@ -35,7 +35,7 @@ TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
              "i seedCheckRadius 12\nf seedCheckShare 0.5\nf seedCheckBeta 20\n"
              "f seedCheckFit 0.4\nf colourWeight 1.5\nf solverTolerance 0.001\ni costFilterRadius 6\n"
              "f costFilterEpsilon 0.01\nf lambdaSeedDensity 0.003\ni temporal 1\nf temporalWeight 0.5\n"
-             "f temporalWalkerTolerance 0.01\ni temporalWalkerRadius 6\n",
+             "f temporalWalkerTolerance 0.01\ni temporalWalkerRadius 6\nf temporalMotionWeight 2\n",
              s, error))
         << error;
     EXPECT_TRUE(s.lambda == 100.0f && s.maxiter == 500 && s.model == 4 && s.diffusivity == 1 && s.alpha == 2.0f &&
@@ -45,7 +45,7 @@ TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
                 s.colourWeight == 1.5f && s.solverTolerance == 0.001f && s.edgeWeights == EdgeWeights::DIFFUSIVITY &&
                 s.costFilterRadius == 6 && s.costFilterEpsilon == 0.01f && s.lambdaSeedDensity == 0.003f &&
                 s.temporal == 1 && s.temporalWeight == 0.5f && s.temporalWalkerTolerance == 0.01f &&
-                s.temporalWalkerRadius == 6);
+                s.temporalWalkerRadius == 6 && s.temporalMotionWeight == 2.0f);
     ASSERT_TRUE(read("i model 1\ns edgeWeights contrast\n", s, error)) << error;
     EXPECT_EQ(s.edgeWeights, EdgeWeights::CONTRAST);
 }
@@ -75,6 +75,7 @@ TEST(Settings, ABadValueNamesItsKeyAndLeavesTheSettingsAlone) {
         {"f lambdaSeedDensity 2\n", "key \"lambdaSeedDensity\""},
         {"i temporal 2\n", "key \"temporal\""},
         {"f temporalWeight -0.1\n", "key \"temporalWeight\""},
+        {"f temporalMotionWeight -1\n", "key \"temporalMotionWeight\""},
         {"f temporalWalkerTolerance 2\n", "key \"temporalWalkerTolerance\""},
         {"i temporalWalkerRadius -1\n", "key \"temporalWalkerRadius\""},
         // The fused model 2 has no per-edge form.

@@ -9,6 +9,7 @@
 
 #include "engine_test_util.h"
 #include "src/video/motion.h"
+#include "src/video/motion_term.h"
 #include "src/video/temporal.h"
 
 namespace {
@@ -291,6 +292,64 @@ struct VideoRun {
         return std::vector<float>(u.begin() + f.w * f.h, u.end());
     }
 };
+
+// A textured square (track label 3) moves 4 px right over a still textured
+// background (7); in the bottom rows both are flat.  Label 9 has no tracks.
+TEST(MotionTerm, ALabelCostsWhereItsMotionDoesNotBringThePixelsColour) {
+    const unsigned int w = 64, h = 48, x0 = 20, x1 = 40, flatRows = 40;
+    const std::vector<float4> ground = texture(w, h, 5), square = texture(w, h, 6);
+    std::vector<float4> before(w * h), now(w * h);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            const bool inBefore = x >= x0 && x < x1, inNow = x >= x0 + 4 && x < x1 + 4;
+            const bool flat = y >= flatRows;
+            const float4 squareColour = flat ? make_float4(200, 40, 40, 0) : square[y * w + x - (inNow ? 4 : 0)];
+            const float4 groundColour = flat ? make_float4(40, 40, 200, 0) : ground[y * w + x];
+            before[y * w + x] = inBefore ? (flat ? squareColour : square[y * w + x]) : groundColour;
+            now[y * w + x] = inNow ? squareColour : groundColour;
+        }
+    std::vector<MotionPoint> points = gridOfPoints(0, x0, h, make_float2(0, 0), 7);
+    for (const auto& part :
+         {gridOfPoints(x1 + 8, w, h, make_float2(0, 0), 7), gridOfPoints(x0 + 4, x1 + 4, h, make_float2(4, 0), 3)})
+        points.insert(points.end(), part.begin(), part.end());
+    const Image imageNow(upload(now, w, h)), imageBefore(upload(before, w, h));
+    std::vector<float> seeds(w * h, -1.0f);
+    seeds[20 * w + 30] = 0.0f;  // a (wrong) seed of label 7 inside the square
+    seg::ScopedArray<float, 2> labels(upload(seeds, w, h));
+    seg::ScopedArray<float, 3> cost(seg::deviceArray3D<float>(w, h, 3));
+    const std::vector<float> zeros(w * h * 3, 0.0f);
+    vela::arrayCopy(cost.a, vela::arrayFromHostMemory(const_cast<float*>(zeros.data()), make_uint3(w, h, 3)));
+
+    video::addMotionCost(cost.a, points, {7, 3, 9}, imageNow.a, imageBefore.a, labels.a, 2.0f);
+    const std::vector<float> c = download(cost.a);
+    auto at = [&](unsigned int x, unsigned int y, unsigned int k) { return c[(k * h + y) * w + x]; };
+    for (unsigned int y : {8u, 20u, 32u}) {
+        // Inside the square: its own motion brings the colour, the still
+        // background's does not.
+        EXPECT_EQ(at(32, y, 1), 0.0f) << "row " << y;
+        EXPECT_GT(at(32, y, 0), 1.0f) << "row " << y;
+        // Background beside it: the other way round.
+        EXPECT_EQ(at(50, y, 0), 0.0f) << "row " << y;
+        EXPECT_GT(at(50, y, 1), 1.0f) << "row " << y;
+        // Uncovered behind it: neither motion brings the colour.
+        EXPECT_EQ(at(21, y, 0), 0.0f) << "row " << y;
+        EXPECT_EQ(at(21, y, 1), 0.0f) << "row " << y;
+    }
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) {
+            ASSERT_EQ(at(x, y, 2), 0.0f) << "a label without tracks, pixel " << x << ", " << y;
+            // Flat: the square's motion brings the colour of the pixels it
+            // uncovers, but by chance (a pixel away from its edges, whose
+            // patch holds only one colour).
+            if (y > flatRows && (x < x0 + 3 || x > x1 + 5)) {
+                ASSERT_EQ(at(x, y, 0) + at(x, y, 1), 0.0f) << "flat, pixel " << x << ", " << y;
+            }
+        }
+    EXPECT_EQ(at(30, 20, 0) + at(30, 20, 1), 0.0f);  // the seed keeps its costs
+
+    EXPECT_THROW(video::addMotionCost(cost.a, points, {7, 3}, imageNow.a, imageBefore.a, labels.a, 1.0f),
+                 std::runtime_error);
+}
 
 TEST(VideoState, CarriesAMovingSquareAndStartsAfreshAtACut) {
     VideoRun run;

@@ -88,6 +88,8 @@ def test_refuses_what_it_cannot_segment():
         denseseg.segment_video(frames, xy, visible, track_labels, num_labels=3)
     with pytest.raises(ValueError, match="temporalWeight"):
         denseseg.segment_video(frames, xy, visible, track_labels, temporal_weight=-1.0)
+    with pytest.raises(ValueError, match="temporalMotionWeight"):
+        denseseg.segment_video(frames, xy, visible, track_labels, temporal_motion_weight=-1.0)
     with pytest.raises(ValueError, match="temporalWalkerRadius"):
         denseseg.segment_video(frames, xy, visible, track_labels, temporal_walker_radius=-1)
     with pytest.raises(ValueError, match="track_labels"):
