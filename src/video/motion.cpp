@@ -87,16 +87,20 @@ constexpr float kLeastReach = 0.05f;
 constexpr float kLeastSupport = 0.5f;
 constexpr float kTiedShare = 0.25f;
 
+// Layer layerOf(j) of `cells` holds the motion of layer j's label (-1: none).
 struct objectMotion_kernel {
-    VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells, Array<float, 3> previous,
-                            Array<float4, 2> image, Array<float4, 2> previousImage, Array<float, 2> support) const {
+    VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells, Array<int, 1> layerOf,
+                            Array<float, 3> previous, Array<float4, 2> image, Array<float4, 2> previousImage,
+                            Array<float, 2> support) const {
         unsigned int x, y;
         if (!pixelOf(t, motion.extents.x, motion.extents.y, x, y)) return;
         const float4 all = cellsAt(cells, 0, x, y);
         float2 best = make_float2(all.x, all.y);
         float bestScore = 0.0f, bestDifference = 0.0f;
         for (unsigned int j = 0; j < previous.extents.z; ++j) {
-            const float4 m = cellsAt(cells, j + 1, x, y);
+            const int layer = vela::at(layerOf, j);
+            if (layer < 0) continue;
+            const float4 m = cellsAt(cells, static_cast<unsigned int>(layer), x, y);
             if (m.z < kLeastReach) continue;
             vela::at(motion, x, y) = make_float2(m.x, m.y);
             Origin o;
@@ -226,12 +230,12 @@ void requireSameSize(const char* what, const A& a, const B& b) {
 void denseMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points) {
     const unsigned int w = motion.extents.x, h = motion.extents.y;
     if (w == 0 || h == 0) return;
-    vela::ScopedArray<float4, 3> cells(motionCells(w, h, points, 0, {}));
-    vela::device::launch<pixelMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a);
+    const TrackMotion tracks(w, h, points, {});
+    vela::device::launch<pixelMotion_kernel>(grid(w, h), block(), nullptr, motion, tracks.cells());
     check(__LINE__);
 }
 
-void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& points, const Array<float, 3>& previous,
+void objectMotion(Array<float2, 2>& motion, const TrackMotion& tracks, const Array<float, 3>& previous,
                   const std::vector<int>& previousLabels, const Array<float4, 2>& image,
                   const Array<float4, 2>& previousImage, Array<float, 2>& support) {
     const unsigned int w = motion.extents.x, h = motion.extents.y;
@@ -239,18 +243,15 @@ void objectMotion(Array<float2, 2>& motion, const std::vector<MotionPoint>& poin
     requireSameSize("objectMotion", support, motion);
     requireSameSize("objectMotion", image, motion);
     requireSameSize("objectMotion", previousImage, motion);
+    if (tracks.width() != w || tracks.height() != h)
+        throw std::runtime_error("video::objectMotion: the tracks' motion is of another frame size");
     if (previousLabels.size() != previous.extents.z)
         throw std::runtime_error("video::objectMotion: one label per layer of the labelling before");
     if (w == 0 || h == 0) return;
-    const unsigned int labels = previous.extents.z;
-    std::vector<int> groupOf(points.size(), -1);
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        const auto found = std::find(previousLabels.begin(), previousLabels.end(), points[i].label);
-        if (found != previousLabels.end()) groupOf[i] = static_cast<int>(found - previousLabels.begin());
-    }
-    vela::ScopedArray<float4, 3> cells(motionCells(w, h, points, labels, groupOf));
-    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, cells.a, previous, image,
-                                              previousImage, support);
+    vela::ScopedArray<int, 1> layers;
+    upload(tracks.layersOf(previousLabels), layers);
+    vela::device::launch<objectMotion_kernel>(grid(w, h), block(), nullptr, motion, tracks.cells(), layers.a, previous,
+                                              image, previousImage, support);
     check(__LINE__);
 }
 

@@ -8,6 +8,8 @@
 
 namespace video {
 
+class TrackMotion;  // src/video/motion_cells.h
+
 // A track point in this frame and the same track's point in the frame before.
 struct MotionPoint {
     float x, y;          // now
@@ -22,7 +24,8 @@ struct MotionPoint {
 void denseMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>& points);
 
 // The same, object by object: each label's own motion from its own tracks'
-// points, and at each pixel the motion of the label that, moved along it,
+// points (its layer of `tracks`; a label without one has no motion of its
+// own), and at each pixel the motion of the label that, moved along it,
 // finds itself there in `previous` (the frame before's relaxed labelling,
 // W x H x L', layer j holding track label previousLabels[j]).  Motion edges
 // then follow the objects' boundaries instead of blurring across them.  Where
@@ -34,10 +37,9 @@ void denseMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>&
 // over the largest label's share there (0 to 1): low where no label of the
 // frame before arrives (a pixel uncovered by a moving object, or one entering
 // the frame).
-void objectMotion(vela::Array<float2, 2>& motion, const std::vector<MotionPoint>& points,
-                  const vela::Array<float, 3>& previous, const std::vector<int>& previousLabels,
-                  const vela::Array<float4, 2>& image, const vela::Array<float4, 2>& previousImage,
-                  vela::Array<float, 2>& support);
+void objectMotion(vela::Array<float2, 2>& motion, const TrackMotion& tracks, const vela::Array<float, 3>& previous,
+                  const std::vector<int>& previousLabels, const vela::Array<float4, 2>& image,
+                  const vela::Array<float4, 2>& previousImage, vela::Array<float, 2>& support);
 
 // The previous frame's layers (W x H x L', device) moved to this frame: layer
 // k of `out` (W x H x L) is layer from[k] of `previous` read bilinearly at the

@@ -55,10 +55,15 @@ struct cellMotion_kernel {
 
 }  // namespace
 
-Array<float4, 3> motionCells(unsigned int w, unsigned int h, const std::vector<MotionPoint>& points,
-                             unsigned int groups, const std::vector<int>& groupOf) {
-    // Layer 0 holds every point, layer g + 1 those of group g; within a
+TrackMotion::TrackMotion(unsigned int w, unsigned int h, const std::vector<MotionPoint>& points,
+                         const std::vector<int>& trackLabels)
+    : width_(w), height_(h), labels_(trackLabels) {
+    // Layer 0 holds every point, layer g + 1 those of track label g; within a
     // layer, by row of cells and otherwise in their order.
+    const unsigned int groups = static_cast<unsigned int>(trackLabels.size());
+    std::vector<int> pointLabels(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i) pointLabels[i] = points[i].label;
+    const std::vector<int> layerOf = layersOf(pointLabels);
     const unsigned int cw = vela::device::blocksFor(w, kCell), ch = vela::device::blocksFor(h, kCell);
     std::vector<unsigned int> rowOf(points.size());
     for (std::size_t i = 0; i < points.size(); ++i) {
@@ -71,8 +76,7 @@ Array<float4, 3> motionCells(unsigned int w, unsigned int h, const std::vector<M
     for (unsigned int layer = 0; layer <= groups; ++layer) {
         layerPoints.clear();
         for (std::size_t i = 0; i < points.size(); ++i)
-            if (layer == 0 || (i < groupOf.size() && groupOf[i] == static_cast<int>(layer - 1)))
-                layerPoints.push_back(i);
+            if (layer == 0 || layerOf[i] == static_cast<int>(layer)) layerPoints.push_back(i);
         std::stable_sort(layerPoints.begin(), layerPoints.end(),
                          [&](std::size_t a, std::size_t b) { return rowOf[a] < rowOf[b]; });
         int* rowStart = &first[static_cast<std::size_t>(layer) * (ch + 1)];
@@ -90,14 +94,20 @@ Array<float4, 3> motionCells(unsigned int w, unsigned int h, const std::vector<M
     if (n > 0) vela::arrayCopy(devicePoints.a, seg::hostView1D(packed.data(), n));
     vela::ScopedArray<int, 2> deviceFirst(seg::deviceArray2D<int>(ch + 1, groups + 1));
     vela::arrayCopy(deviceFirst.a, vela::arrayFromHostMemory(first.data(), make_uint2(ch + 1, groups + 1)));
-    vela::ScopedArray<float4, 3> cells(seg::deviceArray3D<float4>(cw, ch, groups + 1));
+    cells_.a = seg::deviceArray3D<float4>(cw, ch, groups + 1);
     const dim3 grid(vela::device::blocksFor(cw, kBlockX), vela::device::blocksFor(ch, kBlockY), groups + 1);
-    vela::device::launch<cellMotion_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cells.a, devicePoints.a,
+    vela::device::launch<cellMotion_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cells_.a, devicePoints.a,
                                             deviceFirst.a);
     vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
-    const Array<float4, 3> result = cells.a;
-    cells.a = Array<float4, 3>{};
-    return result;
+}
+
+std::vector<int> TrackMotion::layersOf(const std::vector<int>& trackLabels) const {
+    std::vector<int> layers(trackLabels.size(), -1);
+    for (std::size_t i = 0; i < trackLabels.size(); ++i) {
+        const auto found = std::find(labels_.begin(), labels_.end(), trackLabels[i]);
+        if (found != labels_.end()) layers[i] = static_cast<int>(found - labels_.begin()) + 1;
+    }
+    return layers;
 }
 
 }  // namespace video

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <vector>
 
+#include "src/engine_arrays.h"
 #include "src/video/motion.h"
 #include "vela/access.h"
 
@@ -15,12 +16,29 @@ namespace video {
 
 constexpr int kCell = 8;  // pixels per side of a grid cell
 
-// The cells of a W x H frame (a new device array of ceil(W / 8) x ceil(H / 8)
-// x (groups + 1); the caller frees it): layer 0 from every point, layer g + 1
-// from the points i with groupOf[i] == g (-1: none).  A cell holds (motion x,
-// motion y, weights' sum, 0), all 0 where no point of its group is in reach.
-vela::Array<float4, 3> motionCells(unsigned int w, unsigned int h, const std::vector<MotionPoint>& points,
-                                   unsigned int groups, const std::vector<int>& groupOf);
+// The tracks' motion of a W x H frame on the grid of cells: layer 0 from
+// every point, and one layer for each of the track labels asked for, from that
+// label's points.  A cell holds (motion x, motion y, weights' sum, 0), all 0
+// where no point of its layer is in reach.
+class TrackMotion {
+ public:
+    TrackMotion(unsigned int w, unsigned int h, const std::vector<MotionPoint>& points,
+                const std::vector<int>& trackLabels);
+    TrackMotion(const TrackMotion&) = delete;
+    TrackMotion& operator=(const TrackMotion&) = delete;
+
+    // ceil(W / 8) x ceil(H / 8) x (labels + 1), on the device.
+    const vela::Array<float4, 3>& cells() const { return cells_.a; }
+    unsigned int width() const { return width_; }
+    unsigned int height() const { return height_; }
+    // The layer of each of `trackLabels`, -1 for one without a layer.
+    std::vector<int> layersOf(const std::vector<int>& trackLabels) const;
+
+ private:
+    unsigned int width_, height_;
+    std::vector<int> labels_;
+    vela::ScopedArray<float4, 3> cells_;
+};
 
 // A layer of cells read bilinearly at pixel (x, y), clamped at the outer
 // cells' centres: (motion x, motion y, weights' sum, 0).

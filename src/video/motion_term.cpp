@@ -1,10 +1,10 @@
 #include "src/video/motion_term.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "src/block_sums.h"
 #include "src/dataterms/seeds.h"
+#include "src/engine_arrays.h"
 #include "src/video/motion_cells.h"
 #include "vela/device/launch.h"
 
@@ -65,10 +65,11 @@ VELA_HD inline float patchVariation(const Array<float4, 2>& image, unsigned int 
     return deviation / 27.0f;
 }
 
-// Layer k + 1 of `cells` holds label k's motion.
+// Layer layerOf(k) of `cells` holds label k's motion (-1: none).
 struct motionCost_kernel {
-    VELA_HD void operator()(const Thread& t, Array<float, 3> cost, Array<float4, 3> cells, Array<float4, 2> image,
-                            Array<float4, 2> previous, Array<float, 2> labels, float weight) const {
+    VELA_HD void operator()(const Thread& t, Array<float, 3> cost, Array<float4, 3> cells, Array<int, 1> layerOf,
+                            Array<float4, 2> image, Array<float4, 2> previous, Array<float, 2> labels,
+                            float weight) const {
         const seg::GridPixel p(t, cost.extents.x, cost.extents.y);
         if (!p.inside) return;
         const unsigned int n = cost.extents.z;
@@ -76,20 +77,26 @@ struct motionCost_kernel {
         // The colour difference under label k's motion, or false where that
         // motion is not to be trusted or leads outside the frame.
         auto difference = [&](unsigned int k, float& d) {
-            const float4 m = cellsAt(cells, k + 1, p.x, p.y);
+            const int layer = vela::at(layerOf, k);
+            if (layer < 0) return false;
+            const float4 m = cellsAt(cells, static_cast<unsigned int>(layer), p.x, p.y);
             return m.z >= kTrustedReach && originDifference(image, previous, p.x, p.y, make_float2(m.x, m.y), d);
         };
         float best = kExplained;
-        int bestLabel = -1;
+        int bestLabel = -1, compared = 0;
         for (unsigned int k = 0; k < n; ++k) {
             float d;
-            if (difference(k, d) && d <= best) {
+            if (!difference(k, d)) continue;
+            ++compared;
+            if (d <= best) {
                 best = d;
                 bestLabel = static_cast<int>(k);
             }
         }
-        if (bestLabel < 0) return;
-        const float4 m = cellsAt(cells, static_cast<unsigned int>(bestLabel) + 1, p.x, p.y);
+        // One motion alone is compared with nothing: no label costs more.
+        if (bestLabel < 0 || compared < 2) return;
+        const float4 m = cellsAt(
+            cells, static_cast<unsigned int>(vela::at(layerOf, static_cast<unsigned int>(bestLabel))), p.x, p.y);
         const unsigned int ox = static_cast<unsigned int>(static_cast<float>(p.x) - m.x + 0.5f);
         const unsigned int oy = static_cast<unsigned int>(static_cast<float>(p.y) - m.y + 0.5f);
         if (patchVariation(image, p.x, p.y) < kTextured || patchVariation(previous, ox, oy) < kTextured) return;
@@ -102,7 +109,7 @@ struct motionCost_kernel {
 
 }  // namespace
 
-void addMotionCost(Array<float, 3>& cost, const std::vector<MotionPoint>& points, const std::vector<int>& labelIds,
+void addMotionCost(Array<float, 3>& cost, const TrackMotion& tracks, const std::vector<int>& labelIds,
                    const Array<float4, 2>& image, const Array<float4, 2>& previousImage, const Array<float, 2>& labels,
                    float weight) {
     const unsigned int w = cost.extents.x, h = cost.extents.y, n = cost.extents.z;
@@ -111,17 +118,16 @@ void addMotionCost(Array<float, 3>& cost, const std::vector<MotionPoint>& points
             throw std::runtime_error("video::addMotionCost: the images and the cost map differ in size");
     if (labels.extents.x != w || labels.extents.y != h)
         throw std::runtime_error("video::addMotionCost: the labels and the cost map differ in size");
+    if (tracks.width() != w || tracks.height() != h)
+        throw std::runtime_error("video::addMotionCost: the tracks' motion is of another frame size");
     if (labelIds.size() != n) throw std::runtime_error("video::addMotionCost: one track label per layer");
     if (w == 0 || h == 0 || n == 0 || weight == 0.0f) return;
-    std::vector<int> groupOf(points.size(), -1);
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        const auto found = std::find(labelIds.begin(), labelIds.end(), points[i].label);
-        if (found != labelIds.end()) groupOf[i] = static_cast<int>(found - labelIds.begin());
-    }
-    vela::ScopedArray<float4, 3> cells(motionCells(w, h, points, n, groupOf));
+    std::vector<int> layers = tracks.layersOf(labelIds);
+    vela::ScopedArray<int, 1> layerOf(seg::deviceArray1D<int>(n));
+    vela::arrayCopy(layerOf.a, seg::hostView1D(layers.data(), n));
     const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
-    vela::device::launch<motionCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, cells.a, image, previousImage,
-                                            labels, weight);
+    vela::device::launch<motionCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, tracks.cells(), layerOf.a,
+                                            image, previousImage, labels, weight);
     vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
 }
 

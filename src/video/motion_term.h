@@ -19,7 +19,7 @@
 
 #include <vector>
 
-#include "src/video/motion.h"
+#include "src/video/motion_cells.h"
 #include "vela/tools.h"
 
 namespace video {
@@ -28,11 +28,11 @@ namespace video {
 // pixels (`labels`: label index per pixel, negative where no seed lies) where
 // the term speaks: d_k is the colour difference (mean per channel, 0 to 255)
 // between the pixel in `image` and its origin in `previousImage` under label
-// k's motion, k the labels whose track label labelIds[k] has tracks in reach
-// (`points`: the tracks' points in this frame and the one before).  All
-// arrays are W x H (x L), on the device.
-void addMotionCost(vela::Array<float, 3>& cost, const std::vector<MotionPoint>& points,
-                   const std::vector<int>& labelIds, const vela::Array<float4, 2>& image,
-                   const vela::Array<float4, 2>& previousImage, const vela::Array<float, 2>& labels, float weight);
+// k's motion, k the labels whose track label labelIds[k] has a layer in
+// `tracks` with enough of its points in reach.  All arrays are W x H (x L), on
+// the device.
+void addMotionCost(vela::Array<float, 3>& cost, const TrackMotion& tracks, const std::vector<int>& labelIds,
+                   const vela::Array<float4, 2>& image, const vela::Array<float4, 2>& previousImage,
+                   const vela::Array<float, 2>& labels, float weight);
 
 }  // namespace video

@@ -1,11 +1,13 @@
 #include "src/video/temporal.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "src/dataterms/seeds.h"
 #include "src/dataterms/walker.h"
 #include "src/engine_arrays.h"
 #include "src/segment.h"
+#include "src/video/motion_cells.h"
 #include "src/video/motion_term.h"
 #include "vela/access.h"
 #include "vela/device/launch.h"
@@ -75,10 +77,16 @@ void VideoState::prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
 
     vela::ScopedArray<float2, 2> field;
     vela::ScopedArray<float, 2> support, changed;
+    std::optional<TrackMotion> tracks;
     if (n > 0 && !motion.empty() && sameExtents(image_, w, h) && sameExtents(relaxed_, w, h, labelIds_.size())) {
+        // Each track label of this frame and the one before gets its motion.
+        std::vector<int> trackLabels = labelIds_;
+        for (int id : labelIds)
+            if (std::find(trackLabels.begin(), trackLabels.end(), id) == trackLabels.end()) trackLabels.push_back(id);
+        tracks.emplace(w, h, motion, trackLabels);
         field.a = seg::deviceArray2D<float2>(w, h);
         support.a = seg::deviceArray2D<float>(w, h);
-        objectMotion(field.a, motion, relaxed_, labelIds_, seg.image, image_, support.a);
+        objectMotion(field.a, *tracks, relaxed_, labelIds_, seg.image, image_, support.a);
         continued_ = movedColourDifference(seg.image, image_, field.a) <= kCutDifference;
     }
 
@@ -116,7 +124,7 @@ void VideoState::prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabel
     if (continued_ && settings.temporalMotionWeight > 0.0f) {
         std::vector<int> ids = labelIds;
         ids.resize(n, -1);
-        addMotionCost(seg.costMap, motion, ids, seg.image, image_, labels, settings.temporalMotionWeight);
+        addMotionCost(seg.costMap, *tracks, ids, seg.image, image_, labels, settings.temporalMotionWeight);
     }
     if (continued_ && settings.temporalWeight > 0.0f) {
         const dim3 block(kBlockX, kBlockY);

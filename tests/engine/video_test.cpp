@@ -9,6 +9,7 @@
 
 #include "engine_test_util.h"
 #include "src/video/motion.h"
+#include "src/video/motion_cells.h"
 #include "src/video/motion_term.h"
 #include "src/video/temporal.h"
 
@@ -163,7 +164,8 @@ TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
         seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
         seg::ScopedArray<float, 2> support(seg::deviceArray2D<float>(w, h));
         const Image flat(upload(std::vector<float4>(w * h, make_float4(90, 90, 90, 0)), w, h));
-        video::objectMotion(field.a, points, previous.a, {7, 3}, flat.a, flat.a, support.a);
+        const video::TrackMotion tracks(w, h, points, {7, 3});
+        video::objectMotion(field.a, tracks, previous.a, {7, 3}, flat.a, flat.a, support.a);
         const std::vector<float2> m = download(field.a);
         const std::vector<float> s = download(support.a);
         for (unsigned int y : {2u, 30u, 61u}) {
@@ -176,7 +178,7 @@ TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
             EXPECT_LT(std::abs(motionOfPixel(m, w, 48, y).x), 4.0f - 1e-3) << "row " << y;
             EXPECT_EQ(s[y * w + 48], 0.0f);
         }
-        EXPECT_THROW(video::objectMotion(field.a, points, previous.a, {7}, flat.a, flat.a, support.a),
+        EXPECT_THROW(video::objectMotion(field.a, tracks, previous.a, {7}, flat.a, flat.a, support.a),
                      std::runtime_error);
     }
     {
@@ -206,7 +208,8 @@ TEST(Motion, FromTheTracksPointsDenselyAndObjectByObject) {
         const Image now(upload(imageNow, w, h)), then(upload(imageBefore, w, h));
         seg::ScopedArray<float2, 2> field(seg::deviceArray2D<float2>(w, h));
         seg::ScopedArray<float, 2> support(seg::deviceArray2D<float>(w, h));
-        video::objectMotion(field.a, points, previous.a, {7, 3}, now.a, then.a, support.a);
+        video::objectMotion(field.a, video::TrackMotion(w, h, points, {3, 7}), previous.a, {7, 3}, now.a, then.a,
+                            support.a);
         const std::vector<float2> m = download(field.a);
         for (unsigned int y : {10u, 30u, 50u})
             for (unsigned int x = x1; x < x1 + 3; ++x)
@@ -320,7 +323,8 @@ TEST(MotionTerm, ALabelCostsWhereItsMotionDoesNotBringThePixelsColour) {
     const std::vector<float> zeros(w * h * 3, 0.0f);
     vela::arrayCopy(cost.a, vela::arrayFromHostMemory(const_cast<float*>(zeros.data()), make_uint3(w, h, 3)));
 
-    video::addMotionCost(cost.a, points, {7, 3, 9}, imageNow.a, imageBefore.a, labels.a, 2.0f);
+    const video::TrackMotion tracks(w, h, points, {3, 7, 9});
+    video::addMotionCost(cost.a, tracks, {7, 3, 9}, imageNow.a, imageBefore.a, labels.a, 2.0f);
     const std::vector<float> c = download(cost.a);
     auto at = [&](unsigned int x, unsigned int y, unsigned int k) { return c[(k * h + y) * w + x]; };
     for (unsigned int y : {8u, 20u, 32u}) {
@@ -347,7 +351,7 @@ TEST(MotionTerm, ALabelCostsWhereItsMotionDoesNotBringThePixelsColour) {
         }
     EXPECT_EQ(at(30, 20, 0) + at(30, 20, 1), 0.0f);  // the seed keeps its costs
 
-    EXPECT_THROW(video::addMotionCost(cost.a, points, {7, 3}, imageNow.a, imageBefore.a, labels.a, 1.0f),
+    EXPECT_THROW(video::addMotionCost(cost.a, tracks, {7, 3}, imageNow.a, imageBefore.a, labels.a, 1.0f),
                  std::runtime_error);
 }
 

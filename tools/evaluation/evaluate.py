@@ -203,7 +203,7 @@ def format_table(classes: list[str], methods: list[str], tallies: dict) -> tuple
 
     def line(cls: str, m: str, v: dict) -> str:
         return (f"| {cls} | {m} | {v['miou']:.3f} | {v['accuracy']:.3f} | {v['boundary_f']:.3f} | "
-                f"{100 * v['flicker']:.2f} | {v['lost']}/{v['labels']} | {v['seconds']:.2f} |")
+                f"{100 * v['flicker']:.3f} | {v['lost']}/{v['labels']} | {v['seconds']:.2f} |")
 
     for cls in classes:
         for m in methods:
