@@ -8,7 +8,8 @@
 #   bench     solver_bench on the GPU: time per pixel, label and iteration
 #   frames    whole-frame times of a 640 x 480 frame with 6 labels, from image
 #             in to files out (the median over a 20-frame sequence): model 1 at
-#             500 iterations, the recommended mode, and that with temporal 1
+#             500 iterations, the recommended mode, and that frame by frame
+#             (temporal 0)
 #   backends  the evaluation's sequences and the demo on both backends, the
 #             differing pixels per frame (tools/evaluation/backends.py)
 #   python    the Python package built with the cuda backend, and its tests
@@ -59,8 +60,8 @@ frames() {
     "$python" tools/evaluation/backends.py --build build --sequences long --out "$data" --only-data || return 1
     printf 'f lambda 100\ni maxiter 500\ni model 1\n' >"$data/model1.cfg"
     cp configs/recommended.cfg "$data/recommended.cfg"
-    { cat configs/recommended.cfg; echo "i temporal 1"; } >"$data/temporal.cfg"
-    for mode in model1 recommended temporal; do
+    { cat configs/recommended.cfg; echo "i temporal 0"; } >"$data/frame-by-frame.cfg"
+    for mode in model1 recommended frame-by-frame; do
         VELA_DEVICE=cuda "$python" tools/evaluation/frame_times.py "$data/data/long" "$data/$mode.cfg" build/src/denseseg ||
             return 1
     done

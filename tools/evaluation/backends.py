@@ -33,7 +33,7 @@ def modes() -> list[tuple[run.Mode, float]]:
         lines = ["f lambda 100", "i maxiter 500", f"i model {model}"]
         out.append((run.Mode(f"model {model}", f"model{model}", lines), 0.99 if model == 2 else 0.999))
     out.append((run.recommended_mode(REPO), 0.999))
-    out.append((run.temporal_mode(REPO), 0.999))
+    out.append((run.frame_by_frame_mode(REPO), 0.999))
     return out
 
 
@@ -65,7 +65,7 @@ def main(argv: list[str] | None = None) -> int:
     parser.add_argument("--out", type=Path, default=Path("backends-out"))
     parser.add_argument("--sequences", default="", help="comma-separated sequence names (default all)")
     parser.add_argument("--modes", default="", help="comma-separated result folder names of the modes to compare "
-                        "(model0 to model4, recommended, temporal; default all)")
+                        "(model0 to model4, recommended, frame-by-frame; default all)")
     parser.add_argument("--only-data", action="store_true", help="write the sequences into OUT/data/ and stop")
     args = parser.parse_args(argv)
     tools = run.Tools(args.build.resolve())
@@ -88,7 +88,7 @@ def main(argv: list[str] | None = None) -> int:
             continue
         for folder in folders:
             # The long sequence for the modes a user runs on a video only.
-            if folder.name == "long" and not mode.folder.startswith(("recommended", "temporal")):
+            if folder.name == "long" and not mode.folder.startswith(("recommended", "frame-by-frame")):
                 continue
             line, ok = compare(tools, folder, mode, needed)
             print(line, flush=True)

@@ -278,9 +278,9 @@ def main(argv: list[str] | None = None) -> int:
     parser.add_argument("--no-peers", action="store_true", help="leave the graph cut and the dense CRF out")
     parser.add_argument("--methods", default="",
                         help="comma-separated methods to run, by result folder name: definition, "
-                             "definition-lambda10, recommended, the names of --mode, walker, graphcut, densecrf; "
-                             "they then run on every sequence (default: all of them, but only recommended and "
-                             "walker on the long sequence)")
+                             "definition-lambda10, recommended, frame-by-frame, the names of --mode, walker, graphcut, "
+                             "densecrf; they then run on every sequence (default: all of them, but only "
+                             "recommended, frame-by-frame and walker on the long sequence)")
     parser.add_argument("--sweep", action="store_true",
                         help="instead of the table, run each peer (or those --methods names) with every value of "
                              "its parameter sweep and print the means over all classes (written to sweep.md)")

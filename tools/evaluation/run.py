@@ -61,10 +61,12 @@ def recommended_mode(repo: Path, maxiter: int | None = None) -> Mode:
     return Mode(name, "recommended", lines)
 
 
-def temporal_mode(repo: Path, maxiter: int | None = None) -> Mode:
-    """The recommended settings with each frame starting from the one before."""
+def frame_by_frame_mode(repo: Path, maxiter: int | None = None) -> Mode:
+    """The recommended settings with every frame segmented afresh, as if the
+    video were a pile of photographs: what carrying each frame into the next
+    is measured against."""
     recommended = recommended_mode(repo, maxiter)
-    return Mode("recommended, temporal", "temporal", recommended.lines + ["i temporal 1"])
+    return Mode("recommended, frame by frame", "frame-by-frame", recommended.lines + ["i temporal 0"])
 
 
 def default_modes(repo: Path, maxiter: int | None = None) -> list[Mode]:
@@ -73,7 +75,7 @@ def default_modes(repo: Path, maxiter: int | None = None) -> list[Mode]:
         definition_mode("definition", "definition", 100, it),
         definition_mode("definition-λ10", "definition-lambda10", 10, it),
         recommended_mode(repo, maxiter),
-        temporal_mode(repo, maxiter),
+        frame_by_frame_mode(repo, maxiter),
     ]
 
 
