@@ -74,20 +74,20 @@ struct Origin {
 
 // Each label's own motion where its tracks reach (weight above kLeastReach),
 // scored by how much of that label the frame before had at the origin it
-// gives; the best label's motion wins.  Where two labels score within
-// kTiedShare of each other, both explain the pixel (at an object's leading
-// edge the background stood here and the object stood at its own origin),
-// and the one whose origin looks like the pixel wins: the object that now
-// covers it.  Layer 0 of `cells` holds all points'
-// motion (the fallback), layer j + 1 that of label j of `previous`.
+// gives; the best label's motion wins.  Layer 0 of `cells` holds all points'
+// motion (the fallback), layer layerOf(j) that of label j of `previous` (-1:
+// none).
 constexpr float kLeastReach = 0.05f;
+// Two labels scoring within this of each other both explain the pixel (at an
+// object's leading edge the background stood here and the object stood at its
+// own origin): the one whose origin looks like the pixel wins, the object that
+// now covers it.
+constexpr float kTiedShare = 0.25f;
 // Below this share of the winning label at the origin (against the largest
 // label's there), no label of the frame before arrives at a pixel: it was
 // hidden or outside the frame.
 constexpr float kLeastSupport = 0.5f;
-constexpr float kTiedShare = 0.25f;
 
-// Layer layerOf(j) of `cells` holds the motion of layer j's label (-1: none).
 struct objectMotion_kernel {
     VELA_HD void operator()(const Thread& t, Array<float2, 2> motion, Array<float4, 3> cells, Array<int, 1> layerOf,
                             Array<float, 3> previous, Array<float4, 2> image, Array<float4, 2> previousImage,

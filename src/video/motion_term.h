@@ -6,9 +6,8 @@
 // origin in the frame before.  So at a pixel several labels' motions reach,
 // the label whose motion brings the pixel's colour best is the likely one,
 // and each other label costs in proportion to how much worse its motion
-// brings it.  Objects that look alike but move differently (a dark corner of
-// one object beside a dark occluder) come apart this way, which no single
-// frame can tell.
+// brings it.  Textured parts of objects that look alike but move differently
+// come apart this way, which no single frame can tell.
 //
 // The term says nothing where it cannot know: in flat image regions (every
 // motion brings the same colour), where no label's motion brings the colour
