@@ -17,7 +17,7 @@ using vela::device::Thread;
 constexpr const char* kSource = "src/video/motion_term";
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
 // A label's motion counts where its points' weights (src/video/motion_cells.h)
-// sum to at least this: about one track within one sigma.
+// sum to at least this: about one track within 12 px.
 constexpr float kTrustedReach = 1.0f;
 // The best motion must bring the pixel's colour within this (mean per channel,
 // 0 to 255), or no label explains the pixel and the term is silent.
@@ -35,15 +35,9 @@ constexpr float kFullDifference = 30.0f;
 // clamped at the border.
 VELA_HD inline float patchVariation(const Array<float4, 2>& image, unsigned int x, unsigned int y) {
     const int w = static_cast<int>(image.extents.x), h = static_cast<int>(image.extents.y);
+    auto clamped = [](int v, int n) { return static_cast<unsigned int>(v < 0 ? 0 : (v >= n ? n - 1 : v)); };
     auto at = [&](int dx, int dy) {
-        const int px = static_cast<int>(x) + dx, py = static_cast<int>(y) + dy;
-        return vela::at(image,
-                        static_cast<unsigned int>(px < 0    ? 0
-                                                  : px >= w ? w - 1
-                                                            : px),
-                        static_cast<unsigned int>(py < 0    ? 0
-                                                  : py >= h ? h - 1
-                                                            : py));
+        return vela::at(image, clamped(static_cast<int>(x) + dx, w), clamped(static_cast<int>(y) + dy, h));
     };
     float mx = 0.0f, my = 0.0f, mz = 0.0f;
     for (int dy = -1; dy <= 1; ++dy)
