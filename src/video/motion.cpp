@@ -96,7 +96,9 @@ struct objectMotion_kernel {
         if (!pixelOf(t, motion.extents.x, motion.extents.y, x, y)) return;
         const float4 all = cellsAt(cells, 0, x, y);
         float2 best = make_float2(all.x, all.y);
-        float bestScore = 0.0f, bestDifference = 0.0f;
+        // The colour differences are needed only at a tie: the best's is
+        // found then (negative: not yet).
+        float bestScore = 0.0f, bestDifference = -1.0f;
         for (unsigned int j = 0; j < previous.extents.z; ++j) {
             const int layer = vela::at(layerOf, j);
             if (layer < 0) continue;
@@ -107,9 +109,16 @@ struct objectMotion_kernel {
             if (!o.find(motion, x, y)) continue;
             const float score = o.read(previous, j);
             if (score <= 0.0f) continue;
-            float difference = 0.0f;
-            originDifference(image, previousImage, x, y, make_float2(m.x, m.y), difference);
             const bool tied = bestScore > 0.0f && fabsf(score - bestScore) < kTiedShare;
+            float difference = -1.0f;
+            if (tied) {
+                if (bestDifference < 0.0f) {
+                    bestDifference = 0.0f;
+                    originDifference(image, previousImage, x, y, best, bestDifference);
+                }
+                difference = 0.0f;
+                originDifference(image, previousImage, x, y, make_float2(m.x, m.y), difference);
+            }
             if (tied ? difference < bestDifference : score > bestScore) {
                 bestScore = score;
                 bestDifference = difference;
