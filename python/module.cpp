@@ -3,9 +3,8 @@
 // The Python layer (python/denseseg/__init__.py) checks types, shapes and
 // ranges and hands over C-contiguous arrays; the checks here only keep a
 // caller of this module from reaching the engine with arrays it cannot take.
-// Every frame is prepared and solved exactly as the program's frame loop does
-// it: the same float4 device image, the same label image, the same
-// prepareSegmentation() and run().  Settings arrive as configuration entries
+// Every frame is segmented exactly as the program's frame loop does it: the
+// same float4 device image, the same label image, the same segmentFrame().  Settings arrive as configuration entries
 // (type letter, key, value) and are read by the program's own checked reader,
 // so a bad value is refused with the program's message.
 #include <nanobind/nanobind.h>
@@ -25,19 +24,19 @@
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "image/CTensor.h"
-#include "src/PDseg.h"
-#include "src/config.h"
 #include "src/dataterms/probability_cost.h"
+#include "src/driver/config.h"
+#include "src/driver/settings_file.h"
+#include "src/driver/tracks.h"
 #include "src/engine_arrays.h"
-#include "src/segment.h"
-#include "src/settings.h"
+#include "src/frame.h"
 #include "src/solver/simplex.h"
-#include "src/tracks.h"
-#include "src/video/temporal.h"
 #include "vela/algorithms/conversion.h"
 #include "vela/algorithms/scalar_cast.h"
 #include "vela/device/runtime.h"
@@ -67,17 +66,6 @@ nb::ndarray<nb::numpy, T> ownedArray(std::vector<T>&& values, std::initializer_l
     auto* owned = new std::vector<T>(std::move(values));
     nb::capsule deleter(owned, [](void* p) noexcept { delete static_cast<std::vector<T>*>(p); });
     return nb::ndarray<nb::numpy, T>(owned->data(), shape, deleter);
-}
-
-// Pitched arrays carry 32-bit byte strides: the largest array of a frame, the
-// solver's W x H x L field of float2 (and the float4 images), must fit.
-void requireAddressable(std::size_t w, std::size_t h, std::size_t labels) {
-    const std::size_t pitch = (w * 16 + vela::device::kHostPitchAlignment - 1) / vela::device::kHostPitchAlignment *
-                              vela::device::kHostPitchAlignment;
-    if (pitch * h * (labels > 0 ? labels : 1) > 0xffffffffu)
-        throw nb::value_error(("a " + std::to_string(w) + " x " + std::to_string(h) + " image with " +
-                               std::to_string(labels) + " labels is too large for the engine (4 GiB per array)")
-                                  .c_str());
 }
 
 // The frame as the program builds it: three float planes, converted to a host
@@ -311,6 +299,27 @@ std::tuple<std::string, std::vector<Entry>> readConfig(const std::string& path) 
     return {std::string(), entries};
 }
 
+// Every key of the settings with its type letter and the engine's default,
+// for the package's keywords.
+std::vector<Entry> settingKeyTable() {
+    const SegmentationSettings defaults;
+    std::vector<Entry> keys;
+    for (const SettingKey& entry : settingKeys())
+        std::visit(
+            [&](auto member) {
+                const auto value = defaults.*member;
+                using Value = std::remove_const_t<decltype(value)>;
+                if constexpr (std::is_same_v<Value, int>)
+                    keys.emplace_back("i", entry.key, nb::int_(value));
+                else if constexpr (std::is_same_v<Value, float>)
+                    keys.emplace_back("f", entry.key, nb::float_(value));
+                else
+                    keys.emplace_back("s", entry.key, nb::str(entry.words[static_cast<int>(value)]));
+            },
+            entry.member);
+    return keys;
+}
+
 // The program's message for the first bad value among the entries, or "".
 std::string settingsError(const std::vector<Entry>& entries) {
     ConfigMap config = configOf(entries);
@@ -338,10 +347,9 @@ nb::object segment(const Image& image, const Indices& seeds, int numLabels, cons
         std::lock_guard<std::mutex> lock(engineMutex);
         vela::ScopedArray<float4, 2> frame(deviceImage(image.data(), W, H));
         vela::ScopedArray<float, 2> labels(deviceLabels(seeds.data(), W, H));
-        PDseg seg(frame.a);
-        ColourTablesOfFrame tables{seg};
-        prepareSegmentation(seg, labels.a, numLabels, settings);
-        seg.run();
+        FrameSeeds frameSeeds{labels.a, std::vector<int>(static_cast<std::size_t>(numLabels))};
+        FrameSolver seg(frame.a);
+        segmentFrame(seg, frameSeeds, settings);
         hard = readLayers(seg.u);
         if (returnRelaxed) relaxed = readLayers(seg.uResult);
     }
@@ -349,8 +357,8 @@ nb::object segment(const Image& image, const Indices& seeds, int numLabels, cons
 }
 
 // The solver on the costs of given per-label probabilities (L x H x W): the
-// cost map from probabilitiesToCost(), the solver's settings from the entries
-// through applySolverSettings(), as prepareSegmentation() sets them.
+// cost map from probabilitiesToCost(), the solver's settings from the entries,
+// as the frame sets them.
 nb::object refine(const Image& image, const Layers& probabilities, const std::vector<Entry>& entries,
                   bool returnRelaxed) {
     const std::size_t L = probabilities.shape(0), h = probabilities.shape(1), w = probabilities.shape(2);
@@ -373,12 +381,10 @@ nb::object refine(const Image& image, const Layers& probabilities, const std::ve
         vela::arrayCopy(given.a, vela::arrayFromHostMemory(const_cast<float*>(probabilities.data()), W, H, layers));
         vela::ScopedArray<float, 3> costMap(seg::deviceArray3D<float>(W, H, layers));
         probabilitiesToCost(costMap.a, given.a);
-        // The object takes the cost map over.
-        PDseg seg(frame.a, costMap.a);
-        costMap.a = vela::Array<float, 3>{};
-        ColourTablesOfFrame tables{seg};
-        applySolverSettings(seg, settings);
-        seg.run();
+        vela::Array<float, 3> taken = costMap.release();
+        FrameSolver seg(frame.a, taken);
+        applySolverSettings(seg, settings, settings.lambda);
+        solveFrame(seg);
         hard = readLayers(seg.u);
         if (returnRelaxed) relaxed = readLayers(seg.uResult);
     }
@@ -389,75 +395,81 @@ nb::object refine(const Image& image, const Layers& probabilities, const std::ve
 // frame's seeds from the tracks by the program's rule, and with "temporal 1"
 // among the entries each frame starting from the one before.  The tracks come
 // as arrays: points (T x N x 2, x and y), visible (T x N) and their labels (N).
-// Returns T x H x W int32 track labels (-1 throughout a frame without seeds)
-// and, per frame, whether it started from the one before.
-std::tuple<nb::ndarray<nb::numpy, std::int32_t>, std::vector<bool>> segmentVideo(const std::vector<Image>& frames,
-                                                                                 const Points& points,
-                                                                                 const Visible& visible,
-                                                                                 const TrackLabels& trackLabels,
-                                                                                 const std::vector<Entry>& entries) {
-    const std::size_t T = frames.size(), N = trackLabels.shape(0);
-    if (T < 1) throw nb::value_error("frames must hold at least one frame");
-    const std::size_t h = frames[0].shape(0), w = frames[0].shape(1);
-    if (h < 1 || w < 1) throw nb::value_error("frames must not be empty");
-    for (const Image& frame : frames) requireImage(frame, h, w);
-    if (points.shape(0) != T || points.shape(1) != N || points.shape(2) != 2)
-        throw nb::value_error("points must be T x N x 2, one row per frame and track");
-    if (visible.shape(0) != T || visible.shape(1) != N) throw nb::value_error("visible must be T x N like points");
-    std::vector<TrackPoints> tracks(N);
-    for (std::size_t n = 0; n < N; ++n) {
-        const std::int32_t label = trackLabels.data()[n];
-        if (label < 0 || label >= kTrackLabelLimit)
-            throw nb::value_error(("track labels must be from 0 to " + std::to_string(kTrackLabelLimit - 1)).c_str());
-        tracks[n].label = label;
-        for (std::size_t t = 0; t < T; ++t)
-            if (visible.data()[t * N + n])
-                tracks[n].points.push_back(make_float3(points.data()[(t * N + n) * 2],
-                                                       points.data()[(t * N + n) * 2 + 1], static_cast<float>(t)));
-    }
-    const SegmentationSettings settings = settingsOf(entries);
-
-    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
-    const std::size_t plane = w * h;
-    std::vector<std::int32_t> result(T * plane, -1);
-    std::vector<bool> continued(T, false);
-    {
-        nb::gil_scoped_release released;
-        std::lock_guard<std::mutex> lock(engineMutex);
-        video::VideoState state;
-        for (std::size_t t = 0; t < T; ++t) {
-            const unsigned int frameIndex = static_cast<unsigned int>(t);
-            std::vector<float> seeds(plane, -1.0f);
-            vela::Array<float, 2> seedView = vela::arrayFromHostMemory(seeds.data(), make_uint2(W, H));
-            std::vector<int> labelIds;
-            const int numLabels =
-                seedsOfTracks(tracks, frameIndex, static_cast<int>(W), static_cast<int>(H), seedView, labelIds);
-            if (numLabels < 1) {
-                state.reset();
-                continue;
-            }
-            requireAddressable(w, h, static_cast<std::size_t>(numLabels));
-            vela::ScopedArray<float4, 2> frame(deviceImage(frames[t].data(), W, H));
-            vela::ScopedArray<float, 2> labels(vela::mallocDeviceArray<float>(make_uint2(W, H), vela::PITCHED_LAYOUT));
-            vela::arrayCopy(labels.a, seedView);
-            PDseg seg(frame.a);
-            ColourTablesOfFrame tables{seg};
-            if (settings.temporal == 1)
-                state.prepare(seg, labels.a, numLabels, labelIds,
-                              motionOfTracks(tracks, frameIndex, static_cast<int>(W), static_cast<int>(H)), settings);
-            else
-                prepareSegmentation(seg, labels.a, numLabels, settings);
-            seg.run();
-            if (settings.temporal == 1) {
-                state.keep(seg);
-                continued[t] = state.continued();
-            }
-            const std::vector<std::int32_t> indices = labelIndices(readLayers(seg.u), plane, numLabels);
-            for (std::size_t i = 0; i < plane; ++i) result[t * plane + i] = labelIds[indices[i]];
+// It holds the tracks and what the next frame needs, nothing of the frames
+// before, so a video of any length takes the memory of one frame.
+class Video {
+ public:
+    Video(const Points& points, const Visible& visible, const TrackLabels& trackLabels,
+          const std::vector<Entry>& entries)
+        : frames_(points.shape(0)), settings_(settingsOf(entries)) {
+        const std::size_t T = frames_, N = trackLabels.shape(0);
+        if (points.shape(1) != N || points.shape(2) != 2)
+            throw nb::value_error("points must be T x N x 2, one row per frame and track");
+        if (visible.shape(0) != T || visible.shape(1) != N) throw nb::value_error("visible must be T x N like points");
+        tracks_.resize(N);
+        for (std::size_t n = 0; n < N; ++n) {
+            const std::int32_t label = trackLabels.data()[n];
+            if (label < 0 || label >= kTrackLabelLimit)
+                throw nb::value_error(
+                    ("track labels must be from 0 to " + std::to_string(kTrackLabelLimit - 1)).c_str());
+            tracks_[n].label = label;
+            for (std::size_t t = 0; t < T; ++t)
+                if (visible.data()[t * N + n])
+                    tracks_[n].points.push_back(make_float3(points.data()[(t * N + n) * 2],
+                                                            points.data()[(t * N + n) * 2 + 1], static_cast<float>(t)));
         }
     }
-    return {ownedArray(std::move(result), {T, h, w}), continued};
-}
+
+    // Frame t (H x W x 3): H x W int32 track labels (-1 throughout a frame
+    // without seeds) and whether it started from the frame before.
+    std::tuple<nb::ndarray<nb::numpy, std::int32_t>, bool> segment(const Image& image, std::size_t t) {
+        const std::size_t h = image.shape(0), w = image.shape(1);
+        if (h < 1 || w < 1) throw nb::value_error("frames must not be empty");
+        if (image.shape(2) != 3) throw nb::value_error("a frame must be H x W x 3");
+        if (t >= frames_)
+            throw nb::value_error(("points must hold one row per frame: more than " + std::to_string(frames_) +
+                                   " frames, " + std::to_string(frames_) + " rows")
+                                      .c_str());
+        const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+        const std::size_t plane = w * h;
+        std::vector<std::int32_t> result(plane, -1);
+        bool continued = false;
+        {
+            nb::gil_scoped_release released;
+            std::lock_guard<std::mutex> lock(engineMutex);
+            const unsigned int frame = static_cast<unsigned int>(t);
+            std::vector<float> seedValues(plane, -1.0f);
+            vela::Array<float, 2> seedView = vela::arrayFromHostMemory(seedValues.data(), make_uint2(W, H));
+            FrameSeeds seeds;
+            if (seedsOfTracks(tracks_, frame, static_cast<int>(W), static_cast<int>(H), seedView, seeds.labelIds) < 1) {
+                carry_ = {};
+            } else {
+                requireAddressable(w, h, seeds.labelIds.size());
+                vela::ScopedArray<float4, 2> device(deviceImage(image.data(), W, H));
+                vela::ScopedArray<float, 2> labels(seg::deviceArray2D<float>(W, H));
+                vela::arrayCopy(labels.a, seedView);
+                seeds.labels = labels.a;
+                if (settings_.temporal == 1)
+                    seeds.motion = motionOfTracks(tracks_, frame, static_cast<int>(W), static_cast<int>(H));
+                FrameSolver seg(device.a);
+                carry_ = segmentFrame(seg, seeds, settings_, std::move(carry_));
+                continued = carry_.continued;
+                const std::vector<std::int32_t> indices =
+                    labelIndices(readLayers(seg.u), plane, static_cast<int>(seeds.labelIds.size()));
+                for (std::size_t i = 0; i < plane; ++i) result[i] = seeds.labelIds[indices[i]];
+            }
+        }
+        return {ownedArray(std::move(result), {h, w}), continued};
+    }
+
+    std::size_t frames() const { return frames_; }
+
+ private:
+    std::size_t frames_;
+    SegmentationSettings settings_;
+    std::vector<TrackPoints> tracks_;
+    video::Carry carry_;
+};
 
 std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::numpy, std::uint8_t>>> render(
     const Indices& labels, const std::vector<int>& labelIds, std::optional<Image> image, float alpha) {
@@ -490,12 +502,9 @@ std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::nu
         nb::gil_scoped_release released;
         std::lock_guard<std::mutex> lock(engineMutex);
         vela::ScopedArray<float4, 2> frame(deviceImage(pixels, W, H));
-        vela::ScopedArray<float, 3> costMap(vela::internal::decreaseArrayDimension<float, 4, 3>(
-            vela::mallocDeviceArray<float>(make_uint4(W, H, L, 1), vela::PITCHED_LAYOUT)));
         // The object takes the (unused) cost map over; its u receives the labelling.
-        PDseg seg(frame.a, costMap.a);
-        costMap.a = vela::Array<float, 3>{};
-        ColourTablesOfFrame tables{seg};
+        vela::Array<float, 3> costMap = seg::deviceArray3D<float>(W, H, L);
+        FrameSolver seg(frame.a, costMap);
         vela::arrayCopy(seg.u, vela::arrayFromHostMemory(layers.data(), W, H, L));
         setLabelColours(seg, labelIds);
         seg.computeColorRepresentation(seg.u, true, false);
@@ -529,10 +538,16 @@ NB_MODULE(_core, m) {
     m.def("refine", &refine, nb::arg("image"), nb::arg("probabilities"), nb::arg("entries"), nb::arg("return_relaxed"),
           "Runs the solver on the costs of float32 L x H x W per-label probabilities with the settings of "
           "configuration entries.");
-    m.def("segment_video", &segmentVideo, nb::arg("frames"), nb::arg("points"), nb::arg("visible"),
-          nb::arg("track_labels"), nb::arg("entries"),
-          "Segments a sequence of float32 H x W x 3 frames from tracks (T x N x 2 float32 points, T x N uint8 "
-          "visibility, N int32 labels), frame after frame as the program's whole-folder mode does.");
+    nb::class_<Video>(m, "Video",
+                      "A video's tracks (T x N x 2 float32 points, T x N uint8 visibility, N int32 labels) and "
+                      "settings; segments its frames in order as the program's whole-folder mode does.")
+        .def(nb::init<const Points&, const Visible&, const TrackLabels&, const std::vector<Entry>&>(),
+             nb::arg("points"), nb::arg("visible"), nb::arg("track_labels"), nb::arg("entries"))
+        .def("segment", &Video::segment, nb::arg("image"), nb::arg("t"),
+             "Frame t (float32 H x W x 3): its track labels and whether it started from the frame before.")
+        .def_prop_ro("frames", &Video::frames);
+    m.def("setting_keys", &settingKeyTable,
+          "Every configuration key of the settings: (key, type letter, the engine's default).");
     m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),
           "The colour picture of a labelling and, given the image, its overlay.");
 }

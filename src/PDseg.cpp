@@ -44,17 +44,25 @@ PDseg::~PDseg() {
     vela::freeArray(u);
     vela::freeArray(uResult);
     vela::freeArray(g);
-    vela::freeArray(dual);
 }
 
 void PDseg::init() {
     nLabels = -1;
-    nIterations = 100;
-    lambda = 10.0f;
-    diffusivityType = 0;
-    alpha = 0.5f;
     costMapType = 0;
-    model = WEIGHTED_TV;
+    const SegmentationSettings defaults;
+    applySolverSettings(*this, defaults, defaults.lambda);
+}
+
+void applySolverSettings(PDseg& seg, const SegmentationSettings& settings, float lambda) {
+    seg.model = static_cast<PDseg::SegmentationModel>(settings.model);
+    seg.lambda = lambda;
+    seg.nIterations = settings.maxiter;
+    seg.diffusivityType = settings.diffusivity;
+    seg.alpha = settings.alpha;
+    seg.edgeWeights = settings.edgeWeights == EdgeWeights::CONTRAST ? PDseg::CONTRAST_EDGES : PDseg::MODEL_WEIGHTS;
+    seg.tolerance = settings.solverTolerance;
+    seg.filterRadius = settings.costFilterRadius;
+    seg.filterEpsilon = settings.costFilterEpsilon;
 }
 
 void PDseg::setAlgorithmParameter(SegmentationModel which) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "src/ImgSeg.h"
+#include "src/settings.h"
 
 class PDseg : public ImgSeg {
  public:
@@ -45,35 +46,34 @@ class PDseg : public ImgSeg {
     float tau;
     float sigma;
 
-    // Optional ways of running the solver, off by default.  init() leaves them
-    // as they are.
+    // Optional ways of running the solver, off by default.
     //
     // The boundary weights of model 1: the model's own diffusivity g, or
     // CONTRAST_EDGES: one weight per edge between neighbours, normalised by the
     // frame's contrast (seg::contrastEdgeWeights), applied inside the gradient
     // so that the dual field stays in the unit disc.
     enum EdgeWeights : int { MODEL_WEIGHTS = 0, CONTRAST_EDGES = 1 };
-    EdgeWeights edgeWeights = MODEL_WEIGHTS;
+    EdgeWeights edgeWeights;
     // Stop before nIterations once an iteration moves the relaxed labelling by
     // less than this, summed over the labels and averaged over the pixels
     // (checked every few iterations; 0 runs all nIterations).  Model 2 keeps
     // no over-relaxed field to measure and always runs all of them.
-    float tolerance = 0.0f;
+    float tolerance;
     // With a radius > 0, run() first smooths a copy of the cost map along the
     // image's colours (seg::guidedFilter, windows of this radius, colour
     // variances below filterEpsilon taken as noise) and iterates on that; the
     // member costMap is left as it is.
-    int filterRadius = 0;
-    float filterEpsilon = 1e-4f;
+    int filterRadius;
+    float filterEpsilon;
     // A warm start, for the frames of a video: when set with the extents of u,
     // run() starts from startU (and ū = startU) instead of 1/L, and from the
-    // dual field startDual instead of 0.  The object borrows both.
-    vela::Array<float, 3> startU;
-    vela::Array<float2, 3> startDual;
-    // With keepDual, run() leaves its final dual field in `dual` (the object
-    // owns it; a later run replaces it).
+    // dual field startDual instead of 0.
+    vela::ScopedArray<float, 3> startU;
+    vela::ScopedArray<float2, 3> startDual;
+    // With keepDual, run() leaves its final dual field in `dual` (a later run
+    // replaces it).
     bool keepDual = false;
-    vela::Array<float2, 3> dual;
+    vela::ScopedArray<float2, 3> dual;
     // The iterations the last run() took.
     int iterationsDone = 0;
 
@@ -83,3 +83,9 @@ class PDseg : public ImgSeg {
     // without memory.
     void allocateSolverArrays(unsigned int w, unsigned int h, int labels, const char* caller);
 };
+
+// Sets the solver's parameters from the settings: the model, lambda (given
+// apart: a frame may lower it), the iterations, the edge weights, the
+// tolerance and the filter of the costs.  The one place PDseg's parameters
+// are set from settings, its own defaults included.
+void applySolverSettings(PDseg& seg, const SegmentationSettings& settings, float lambda);

@@ -431,15 +431,15 @@ void PDseg::run() {
     auto fits = [&](const auto& a) {
         return a.data != nullptr && a.extents.x == W && a.extents.y == H && a.extents.z == u.extents.z;
     };
-    if (fits(startU)) {
-        vela::arrayCopy(u, startU);
-        vela::arrayCopy(ubar.a, startU);
+    if (fits(startU.a)) {
+        vela::arrayCopy(u, startU.a);
+        vela::arrayCopy(ubar.a, startU.a);
     } else {
         fill(u, 1.0f / static_cast<float>(L));
         fill(ubar.a, 0.0f);
     }
-    if (fits(startDual))
-        vela::arrayCopy(p.a, startDual);
+    if (fits(startDual.a))
+        vela::arrayCopy(p.a, startDual.a);
     else
         fill(p.a, make_float2(0.0f, 0.0f));
 
@@ -526,9 +526,5 @@ void PDseg::run() {
     vela::arrayCopy(uResult, u);
     seg::binarize(u);
     vela::_CHECK_CUDA_ERROR(kSource, kLineAfterBinarize);
-    if (keepDual) {
-        vela::freeArray(dual);
-        dual = p.a;
-        p.a = vela::Array<float2, 3>{};
-    }
+    if (keepDual) dual = std::move(p);
 }

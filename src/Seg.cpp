@@ -33,7 +33,7 @@ Seg::Seg(const std::string& segName) : name(segName) {
 // table the caller made, and both are cheap.
 Seg::~Seg() = default;
 
-void Seg::build_colorCode() {
+std::vector<float4> seg::palette() {
     std::vector<float4> palette(kPaletteSize);
     for (int i = 0; i < kPaletteSize; ++i) {
         if (i < kPickedColours) {
@@ -43,6 +43,11 @@ void Seg::build_colorCode() {
             palette[i] = make_float4(base, base + 1.0f, base + 2.0f, 0.0f);
         }
     }
+    return palette;
+}
+
+void Seg::build_colorCode() {
+    std::vector<float4> palette = seg::palette();
     vela::Array<float4, 1> table = seg::deviceArray1D<float4>(kPaletteSize);
     try {
         vela::arrayCopy(table, seg::hostView1D(palette.data(), kPaletteSize));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "vela/tools.h"
 
@@ -24,3 +25,8 @@ class Seg {
     vela::Array<float4, 1> labelColors;
     std::string name;
 };
+
+namespace seg {
+// The fixed palette of colorCode, on the host.
+std::vector<float4> palette();
+}  // namespace seg

@@ -38,4 +38,11 @@ vela::Array<T, 1> hostView1D(T* p, unsigned int n) {
 
 namespace seg {
 using vela::ScopedArray;
+
+// The device check of one source file, named in its messages:
+//     constexpr seg::DeviceCheck check{"src/dataterms/walker"};  ...  check(__LINE__);
+struct DeviceCheck {
+    const char* source;
+    void operator()(int line) const { vela::_CHECK_CUDA_ERROR(source, line); }
+};
 }  // namespace seg

@@ -1,16 +1,11 @@
-// The solver settings of one frame and how the configuration file sets them.
-//
-// "lambda" and "maxiter" are read as they always were: the record's number
-// slot as a float and as an int, whatever the type letter, 0 when absent.
-// Every other key here is optional and checked: an absent key keeps the
-// default below, so a file without them segments exactly as before, and a
-// value of the wrong type or out of range is refused with a line naming the
-// key.
+// The settings of one frame: every optional configuration key, as values the
+// engine takes (const) and never patches.  The defaults are the members'
+// initialisers; settingKeys() lists every key with its range, for the
+// program's configuration reader and the Python package alike.
 #pragma once
 
-#include <string>
-
-#include "src/config.h"
+#include <variant>
+#include <vector>
 
 // Where the per-label data cost comes from.
 enum class DataTerm : int {
@@ -31,11 +26,13 @@ enum class EdgeWeights : int {
 };
 
 struct SegmentationSettings {
-    float lambda = 0.0f;  // "lambda": weight of the data term
-    int maxiter = 0;      // "maxiter": primal-dual iterations
-    int model = 1;        // "model": PDseg::SegmentationModel, 0 to 4
-    int diffusivity = 0;  // "diffusivity": edge weights of models 1 and 2, 0 standard, 1 exponential
-    float alpha = 0.5f;   // "alpha": parameter of the exponential diffusivity
+    // PDseg's own defaults.  The configuration file reads these two unchecked,
+    // as it always has: an absent one is 0 there.
+    float lambda = 10.0f;  // "lambda": weight of the data term
+    int maxiter = 100;     // "maxiter": primal-dual iterations
+    int model = 1;         // "model": PDseg::SegmentationModel, 0 to 4
+    int diffusivity = 0;   // "diffusivity": edge weights of models 1 and 2, 0 standard, 1 exponential
+    float alpha = 0.5f;    // "alpha": parameter of the exponential diffusivity
     EdgeWeights edgeWeights = EdgeWeights::DIFFUSIVITY;  // "edgeWeights": "diffusivity" or "contrast" (model 1)
     float solverTolerance = 0.0f;  // "solverTolerance": stop once an iteration moves the labelling less (0: never)
     // The cost map smoothed along the image's colours before the iteration
@@ -79,11 +76,18 @@ struct SegmentationSettings {
     float temporalWalkerTolerance = 0.01f;
 };
 
-// Reads the settings from `config` into `settings`.  False, with `error`
-// naming the key and what it takes, on the first bad value.
-bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings, std::string& error);
+// One configuration key of SegmentationSettings: its name, the member it
+// sets and the values it takes (a number's range, or the words of an enum in
+// the order of its values).  "lambda" and "maxiter" are `unchecked`.
+struct SettingKey {
+    using Member = std::variant<int SegmentationSettings::*, float SegmentationSettings::*,
+                                DataTerm SegmentationSettings::*, EdgeWeights SegmentationSettings::*>;
+    const char* key;
+    Member member;
+    double min = 0, max = 0;
+    std::vector<const char*> words = {};
+    bool unchecked = false;
+};
 
-// The checked readers behind it, for other optional keys: an absent key
-// leaves `value` as it is; true when the key is absent or valid.
-bool readIntKey(ConfigMap& config, const std::string& key, int min, int max, int& value, std::string& error);
-bool readFloatKey(ConfigMap& config, const std::string& key, float min, float max, float& value, std::string& error);
+// Every key, in the order the configuration reader checks them.
+const std::vector<SettingKey>& settingKeys();

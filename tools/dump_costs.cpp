@@ -4,14 +4,14 @@
 //     dump_costs <config file> <trackfile> <frame> <image file> <out.npy>
 //
 // reads the configuration and the frame as the program does, builds the frame's
-// seed image with the program's track reader, readies a PDseg for the frame with
-// prepareSegmentation (the step before seg.run() in the frame loop) and writes
+// seed image with the program's track reader, readies the frame's solver with
+// prepareFrame (the step before the solver in the frame loop) and writes
 // its cost map, before the solver's weight lambda, as an L x H x W float32
 // .npy file: layer k is the cost of label index k at every pixel.  Prints two
 // lines on standard output:
 //
 //     labels <track label number of index 0> <of index 1> ...
-//     seconds <wall time of prepareSegmentation>
+//     seconds <wall time of prepareFrame>
 //
 // A frame without seeds writes a 0 x H x W file, an empty "labels" line and 0
 // seconds, without building anything.  Exit status 0 on success, 1 when a file
@@ -26,12 +26,12 @@
 #include <string>
 #include <vector>
 
-#include "src/PDseg.h"
-#include "src/config.h"
-#include "src/driver.h"
-#include "src/segment.h"
-#include "src/settings.h"
-#include "src/tracks.h"
+#include "src/driver/config.h"
+#include "src/driver/driver.h"
+#include "src/driver/settings_file.h"
+#include "src/driver/tracks.h"
+#include "src/engine_arrays.h"
+#include "src/frame.h"
 #include "vela/device/runtime.h"
 #include "vela/tools.h"
 
@@ -80,7 +80,8 @@ int dumpCosts(const std::string& configPath, const std::string& trackPath, unsig
 
     std::vector<float> seeds(static_cast<std::size_t>(w) * h, -1.0f);
     vela::Array<float, 2> hostSeeds = vela::arrayFromHostMemory(seeds.data(), make_uint2(w, h));
-    std::vector<int> labelIds;
+    FrameSeeds frameSeeds;
+    std::vector<int>& labelIds = frameSeeds.labelIds;
     const int numLabels =
         readTrackFrame(trackPath, frame, static_cast<int>(w), static_cast<int>(h), hostSeeds, labelIds);
     if (numLabels < 1) {
@@ -90,15 +91,16 @@ int dumpCosts(const std::string& configPath, const std::string& trackPath, unsig
     }
 
     // The frame loop's device image and label image.
-    vela::ScopedArray<float4, 2> image(vela::mallocDeviceArray<float4>(make_uint2(w, h), vela::PITCHED_LAYOUT));
+    requireAddressable(w, h, labelIds.size());
+    vela::ScopedArray<float4, 2> image(seg::deviceArray2D<float4>(w, h));
     vela::arrayCopy(image.a, host.a);
-    vela::ScopedArray<float, 2> labels(vela::mallocDeviceArray<float>(make_uint2(w, h), vela::PITCHED_LAYOUT));
+    vela::ScopedArray<float, 2> labels(seg::deviceArray2D<float>(w, h));
     vela::arrayCopy(labels.a, hostSeeds);
+    frameSeeds.labels = labels.a;
 
-    PDseg seg(image.a);
-    ColourTablesOfFrame colourTables{seg};
+    FrameSolver seg(image.a);
     const auto start = std::chrono::steady_clock::now();
-    prepareSegmentation(seg, labels.a, numLabels, settings);
+    prepareFrame(seg, frameSeeds, settings);
     vela::device::synchronize();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 

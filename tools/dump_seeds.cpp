@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "src/Seg.h"
+#include "src/driver/tracks.h"
 #include "src/engine_arrays.h"
-#include "src/tracks.h"
 #include "tools/pnm.h"
 #include "vela/tools.h"
 

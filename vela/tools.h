@@ -240,17 +240,34 @@ void freeArray(Array<T, N>& a) {
     a.data = nullptr;
 }
 
-// Releases an array the enclosing scope allocated, also when the scope is left
-// by an exception.
+// Owns one array and releases it in its destructor, also when the scope is
+// left by an exception.  Move-only: a hand-off is a move, and the array moved
+// from is left empty, so no memory is ever released twice or copied by
+// accident.
 template <class T, int N>
 struct ScopedArray {
     Array<T, N> a{};
     ScopedArray() = default;
     explicit ScopedArray(const Array<T, N>& array) : a(array) {}
-    ScopedArray(ScopedArray&& other) noexcept : a(other.a) { other.a = Array<T, N>{}; }
+    ScopedArray(ScopedArray&& other) noexcept : a(other.release()) {}
+    ScopedArray& operator=(ScopedArray&& other) noexcept {
+        if (this != &other) {
+            freeArray(a);
+            a = other.release();
+        }
+        return *this;
+    }
     ScopedArray(const ScopedArray&) = delete;
     ScopedArray& operator=(const ScopedArray&) = delete;
     ~ScopedArray() { freeArray(a); }
+
+    bool empty() const { return a.data == nullptr; }
+    // Gives the array up: the caller releases it now.
+    Array<T, N> release() {
+        const Array<T, N> given = a;
+        a = Array<T, N>{};
+        return given;
+    }
 };
 
 namespace internal {

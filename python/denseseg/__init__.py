@@ -39,6 +39,7 @@ __all__ = [
     "RECOMMENDED",
     "TRACK_LABEL_LIMIT",
     "backend",
+    "iter_segment_video",
     "read_image",
     "refine",
     "render",
@@ -59,42 +60,63 @@ PathLike = Union[str, "os.PathLike[str]"]
 
 # --- settings -----------------------------------------------------------------
 
-# Every setting the engine reads: keyword argument, type letter and key of its
-# configuration entry, the engine's own default, and whether the solver reads
-# it (those are refine()'s keywords too).  The keywords reach the engine as
-# configuration entries, read by the program's own checked reader, so ranges
-# and their messages are the program's.  A new key needs a row here and its
-# documented keyword in segment() (and in refine() for a solver key).
-_SETTINGS = (
-    ("lam", "f", "lambda", 10.0, True),
-    ("iterations", "i", "maxiter", 100, True),
-    ("model", "i", "model", 1, True),
-    ("diffusivity", "i", "diffusivity", 0, True),
-    ("alpha", "f", "alpha", 0.5, True),
-    ("edge_weights", "s", "edgeWeights", "diffusivity", True),
-    ("cost_filter_radius", "i", "costFilterRadius", 0, True),
-    ("cost_filter_epsilon", "f", "costFilterEpsilon", 1e-4, True),
-    ("solver_tolerance", "f", "solverTolerance", 0.0, True),
-    ("lambda_seed_density", "f", "lambdaSeedDensity", 0.0, False),
-    ("data_term", "s", "dataTerm", "seeds", False),
-    ("data_weight", "f", "dataWeight", 1.0, False),
-    ("walker_beta", "f", "walkerBeta", 500.0, False),
-    ("walker_iterations", "i", "walkerIterations", 400, False),
-    ("walker_tolerance", "f", "walkerTolerance", 0.001, False),
-    ("seed_check_radius", "i", "seedCheckRadius", 0, False),
-    ("seed_check_share", "f", "seedCheckShare", 0.25, False),
-    ("seed_check_beta", "f", "seedCheckBeta", 50.0, False),
-    ("seed_check_fit", "f", "seedCheckFit", 0.0, False),
-    ("colour_weight", "f", "colourWeight", 0.0, False),
-)
+def _float32_value(value: float) -> float:
+    # The shortest decimal that reads back as the same float: 0.003, not
+    # 0.003000000026077032.
+    return float(str(np.float32(value)))
+
+
+# The engine's own table of settings (the one the program's configuration
+# reader reads): configuration key -> (type letter, the engine's default).
+_ENGINE_KEYS = {
+    key: (letter, _float32_value(default) if letter == "f" else default)
+    for letter, key, default in _core.setting_keys()
+}
+
+
+def _keywords(rows) -> tuple:
+    """(keyword, configuration key, solver?) rows as (keyword, type letter,
+    key, the engine's default, solver?)."""
+    return tuple((keyword, *_ENGINE_KEYS[key][:1], key, _ENGINE_KEYS[key][1], solver) for keyword, key, solver in rows)
+
+
+# Every setting the engine reads: keyword argument, key of its configuration
+# entry, and whether the solver reads it (those are refine()'s keywords too);
+# type letters and defaults come from the engine's table.  The keywords reach
+# the engine as configuration entries, read by the program's own checked
+# reader, so ranges and their messages are the program's.  A new key needs a
+# row here and its documented keyword in segment() (and in refine() for a
+# solver key).
+_SETTINGS = _keywords((
+    ("lam", "lambda", True),
+    ("iterations", "maxiter", True),
+    ("model", "model", True),
+    ("diffusivity", "diffusivity", True),
+    ("alpha", "alpha", True),
+    ("edge_weights", "edgeWeights", True),
+    ("cost_filter_radius", "costFilterRadius", True),
+    ("cost_filter_epsilon", "costFilterEpsilon", True),
+    ("solver_tolerance", "solverTolerance", True),
+    ("lambda_seed_density", "lambdaSeedDensity", False),
+    ("data_term", "dataTerm", False),
+    ("data_weight", "dataWeight", False),
+    ("walker_beta", "walkerBeta", False),
+    ("walker_iterations", "walkerIterations", False),
+    ("walker_tolerance", "walkerTolerance", False),
+    ("seed_check_radius", "seedCheckRadius", False),
+    ("seed_check_share", "seedCheckShare", False),
+    ("seed_check_beta", "seedCheckBeta", False),
+    ("seed_check_fit", "seedCheckFit", False),
+    ("colour_weight", "colourWeight", False),
+))
 # The settings of a video only (segment_video()), in the same form.
-_VIDEO_SETTINGS = (
-    ("temporal", "i", "temporal", 1, False),
-    ("temporal_weight", "f", "temporalWeight", 0.3, False),
-    ("temporal_motion_weight", "f", "temporalMotionWeight", 1.0, False),
-    ("temporal_walker_radius", "i", "temporalWalkerRadius", 4, False),
-    ("temporal_walker_tolerance", "f", "temporalWalkerTolerance", 0.01, False),
-)
+_VIDEO_SETTINGS = _keywords((
+    ("temporal", "temporal", False),
+    ("temporal_weight", "temporalWeight", False),
+    ("temporal_motion_weight", "temporalMotionWeight", False),
+    ("temporal_walker_radius", "temporalWalkerRadius", False),
+    ("temporal_walker_tolerance", "temporalWalkerTolerance", False),
+))
 _ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
 _KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
 _SOLVER_KEYWORDS = tuple(keyword for keyword, _, _, _, solver in _SETTINGS if solver)
@@ -109,13 +131,7 @@ _PACKAGE_RANGES = {"iterations": (0, _INT32_MAX)}
 DEFINITION: dict = {keyword: default for keyword, _, _, default, _ in _SETTINGS}
 
 
-def _float32_value(value: float) -> float:
-    # The shortest decimal that reads back as the same float: 0.003, not
-    # 0.003000000026077032.
-    return float(str(np.float32(value)))
-
-
-def _read_recommended() -> dict:
+def _read_recommended(rows) -> dict:
     path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "recommended.cfg")
     error, entries = _core.read_config(path)
     if error:
@@ -125,17 +141,23 @@ def _read_recommended() -> dict:
         # Keys that are no setting (the folders, say) have no keyword.
         if key in _KEYWORD_OF:
             found[_KEYWORD_OF[key]] = _float32_value(value) if letter == "f" else value
-    return {keyword: found[keyword] for keyword, *_ in _SETTINGS if keyword in found}
+    return {keyword: found[keyword] for keyword, *_ in rows if keyword in found}
 
 
 #: The recommended settings as keyword arguments: those of
 #: ``configs/recommended.cfg``, read from the copy installed with the package.
 #: They are :func:`segment`'s defaults.
-RECOMMENDED: dict = _read_recommended()
+RECOMMENDED: dict = _read_recommended(_SETTINGS)
 
 # segment()'s defaults: the recommended settings, the engine's own default for
 # a key they leave out.
 _DEFAULTS = {**DEFINITION, **RECOMMENDED}
+# segment_video()'s: the same, with the recommended video settings.
+_VIDEO_DEFAULTS = {
+    **_DEFAULTS,
+    **{keyword: default for keyword, _, _, default, _ in _VIDEO_SETTINGS},
+    **_read_recommended(_VIDEO_SETTINGS),
+}
 
 # refine()'s defaults: the recommended solver settings (contrast-weighted
 # edges, the guided filter of the costs, lambda 3, the tolerance).  Measured on
@@ -576,7 +598,8 @@ def segment(
 
 def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarray:
     """Segments the frames of a video from labelled point tracks, each frame
-    starting from the one before.
+    starting from the one before: :func:`iter_segment_video`'s label maps as
+    one T x H x W array.
 
     Runs the engine over the frames in order, as the program's whole-folder
     mode does: each frame's seeds are the points of its tracks (by the rule of
@@ -588,9 +611,9 @@ def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarr
 
     Parameters
     ----------
-    frames : sequence of array_like
-        T images of one size, each as :func:`segment` takes it (or a
-        T x H x W x 3 array).
+    frames : iterable of array_like
+        T images of one size, each as :func:`segment` takes it: a list, a
+        T x H x W x 3 array or a generator.
     points, visible, track_labels : array_like
         The tracks as :func:`write_tracks` takes them: T x N x 2 positions
         (x, y), T x N booleans and N track labels from 0 to
@@ -631,29 +654,50 @@ def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarr
         As :func:`segment` and :func:`write_tracks` raise them; also for an
         unknown keyword.
     """
+    labels = list(iter_segment_video(frames, points, visible, track_labels, **settings))
+    if not labels:
+        raise ValueError("frames must hold at least one frame")
+    return np.stack(labels)
+
+
+def iter_segment_video(frames, points, visible, track_labels, **settings):
+    """Segments a video frame after frame, as :func:`segment_video` does, and
+    yields each frame's H x W int32 label map (track labels, -1 throughout a
+    frame without seeds) as soon as it is ready.
+
+    Only what the next frame needs is held, never the frames before, so the
+    memory stays flat however long the video: ``frames`` may be a generator
+    that reads one frame at a time.  Takes the arguments and keywords of
+    :func:`segment_video`; a bad frame or a frame count other than the
+    tracks' raises when it is reached.
+    """
     unknown = sorted(set(settings) - set(_ENTRY_OF))
     if unknown:
         raise TypeError(f"segment_video() got unexpected keyword arguments {unknown}")
-    video_defaults = {keyword: default for keyword, _, _, default, _ in _VIDEO_SETTINGS}
-    entries = _entries({**_DEFAULTS, **video_defaults, **settings})
-    if isinstance(frames, np.ndarray) and frames.ndim == 4:
-        frames = list(frames)
-    frames = [_image(frame, f"frames[{t}]") for t, frame in enumerate(frames)]
-    if not frames:
-        raise ValueError("frames must hold at least one frame")
-    if any(frame.shape != frames[0].shape for frame in frames):
-        raise ValueError(f"frames must all have one size, the first's {frames[0].shape[:2]}")
+    entries = _entries({**_VIDEO_DEFAULTS, **settings})
     xy, seen, ids = _tracks(points, visible, track_labels)
-    if xy.shape[0] != len(frames):
-        raise ValueError(f"points must hold one row per frame: {len(frames)} frames, {xy.shape[0]} rows")
-    labels, _ = _core.segment_video(
-        frames,
+    video = _core.Video(
         np.ascontiguousarray(xy, dtype=np.float32),
         np.ascontiguousarray(seen, dtype=np.uint8),
         np.ascontiguousarray(ids, dtype=np.int32),
         entries,
     )
-    return labels
+    shape = None
+    count = 0
+    for t, frame in enumerate(frames):
+        frame = _image(frame, f"frames[{t}]")
+        if shape is None:
+            shape = frame.shape
+        elif frame.shape != shape:
+            raise ValueError(f"frames must all have one size, the first's {shape[:2]}")
+        if t >= video.frames:
+            raise ValueError(f"points must hold one row per frame: more than {video.frames} frames, "
+                             f"{video.frames} rows")
+        labels, _ = video.segment(frame, t)
+        count = t + 1
+        yield labels
+    if count and count != video.frames:
+        raise ValueError(f"points must hold one row per frame: {count} frames, {video.frames} rows")
 
 
 def refine(

@@ -14,7 +14,7 @@ namespace {
 
 using vela::device::Thread;
 
-constexpr const char* kSource = "src/dataterms/colour_model";
+constexpr seg::DeviceCheck check{"src/dataterms/colour_model"};
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
 
 constexpr int kLevels = 16;                         // per channel
@@ -187,8 +187,6 @@ struct seedHits_kernel {
 // ---------------------------------------------------------------------------
 // Host functions
 // ---------------------------------------------------------------------------
-
-void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
 
 dim3 pixelBlock() { return dim3(kBlockX, kBlockY); }
 dim3 pixelGrid(const vela::Array<float, 2>& a) {

@@ -32,7 +32,7 @@ namespace {
 
 using vela::device::Thread;
 
-constexpr const char* kSource = "src/dataterms/walker";
+constexpr seg::DeviceCheck check{"src/dataterms/walker"};
 constexpr unsigned int kBlockX = seg::kSumBlockX, kBlockY = seg::kSumBlockY;
 constexpr float kWeightFloor = 1e-6f;
 // A restricted solve runs over row segments of this many pixels, in blocks of
@@ -280,8 +280,6 @@ struct walkerCost_kernel {
 // Host functions
 // ---------------------------------------------------------------------------
 
-void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
-
 // Per-label sums of the two values a step adds, in double.
 struct LabelSums {
     std::vector<double> first, second;
@@ -482,11 +480,11 @@ float walkerColourScale(const vela::Array<float4, 2>& image, float beta) {
     return static_cast<float>(-beta / (10.0 * sd * std::sqrt(3.0)));
 }
 
-void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const SegmentationSettings& settings,
-                   const WalkerCarry& carry) {
+WalkerSolve addWalkerCost(PDseg& seg, const vela::Array<float, 2>& labels, const SegmentationSettings& settings,
+                          const WalkerStart& start) {
     const unsigned int w = seg.costMap.extents.x, h = seg.costMap.extents.y;
     const unsigned int nLabels = seg.costMap.extents.z;
-    if (seg.nLabels < 1 || w == 0 || h == 0) return;
+    if (seg.nLabels < 1 || w == 0 || h == 0) return {};
     if (seg.image.extents.x != w || seg.image.extents.y != h)
         throw std::runtime_error("addWalkerCost: the image is " + std::to_string(seg.image.extents.x) + " x " +
                                  std::to_string(seg.image.extents.y) + " pixels but the labels are " +
@@ -505,11 +503,12 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     vela::ScopedArray<float, 3> r(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> p(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> q(seg::deviceArray3D<float>(w, h, nLabels));
-    const bool restricted = carry.start != nullptr && carry.start->data != nullptr;
-    if (restricted && (carry.start->extents.x != w || carry.start->extents.y != h || carry.start->extents.z != nLabels))
+    const vela::Array<float, 3>* given = start.probabilities;
+    const bool restricted = given != nullptr && given->data != nullptr;
+    if (restricted && (given->extents.x != w || given->extents.y != h || given->extents.z != nLabels))
         throw std::runtime_error("addWalkerCost: the start is not W x H x L of the cost map");
-    WalkerSteps steps(WalkerArrays{x.a, r.a, p.a, q.a, restricted ? *carry.start : vela::Array<float, 3>{}, labels,
-                                   weights.a, diagonal.a});
+    WalkerSteps steps(
+        WalkerArrays{x.a, r.a, p.a, q.a, restricted ? *given : vela::Array<float, 3>{}, labels, weights.a, diagonal.a});
 
     // Preconditioned conjugate gradients, every label's system at once; a
     // label stops counting once its residual is below the tolerance relative
@@ -520,15 +519,17 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     const std::vector<double> rhs = sums.second;
     if (restricted) {
         vela::ScopedArray<float, 2> free(seg::deviceArray2D<float>(w, h));
-        seg::markFreePixels(free.a, *carry.start, labels, carry.changed ? *carry.changed : vela::Array<float, 2>{},
-                            carry.freeRadius);
+        seg::markFreePixels(free.a, *given, labels, start.changed ? *start.changed : vela::Array<float, 2>{},
+                            start.freeRadius);
         vela::device::launch<freeze_kernel>(pixels, block, nullptr, diagonal.a, free.a);
         check(__LINE__);
         sums = steps.restrict(activeSegments(diagonal.a));
     }
     std::vector<double> rz = sums.first;
     std::vector<double> rr = sums.second;
-    const double tolerance = static_cast<double>(settings.walkerTolerance) * settings.walkerTolerance;
+    const double goal = restricted && settings.temporalWalkerTolerance > 0.0f ? settings.temporalWalkerTolerance
+                                                                              : settings.walkerTolerance;
+    const double tolerance = goal * goal;
     auto converged = [&] {
         for (unsigned int l = 0; l < nLabels; ++l)
             if (rr[l] > tolerance * rhs[l]) return false;
@@ -552,10 +553,5 @@ void addWalkerCost(PDseg& seg, vela::Array<float, 2>& labels, const Segmentation
     const dim3 labelled(pixels.x, pixels.y, nLabels);
     vela::device::launch<walkerCost_kernel>(labelled, block, nullptr, seg.costMap, x.a, settings.dataWeight);
     check(__LINE__);
-    if (carry.iterations) *carry.iterations = iterations;
-    if (carry.keep) {
-        vela::freeArray(*carry.keep);
-        *carry.keep = x.a;
-        x.a = vela::Array<float, 3>{};
-    }
+    return {std::move(x), iterations};
 }

@@ -12,7 +12,7 @@ namespace {
 
 using vela::device::Thread;
 
-constexpr const char* kSource = "src/dataterms/walker_region";
+constexpr seg::DeviceCheck check{"src/dataterms/walker_region"};
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
 
 // ---------------------------------------------------------------------------
@@ -70,8 +70,6 @@ struct spreadMarks_kernel {
         vela::at(out, x, y) = most;
     }
 };
-
-void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
 
 }  // namespace
 

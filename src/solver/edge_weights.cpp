@@ -68,6 +68,18 @@ struct ColourStructure {
     }
 };
 
+// A gradient's norm n and unit direction (ex, ey); (1, 0) where n is below
+// `least` (the two tensor models draw that line at different norms).
+struct Direction {
+    float n, ex = 1.0f, ey = 0.0f;
+    VELA_HD Direction(float2 g, float least) : n(sqrtf(g.x * g.x + g.y * g.y)) {
+        if (!(n < least)) {
+            ex = g.x / n;
+            ey = g.y / n;
+        }
+    }
+};
+
 struct imageGradient_kernel {
     VELA_HD void operator()(const Thread& t, Array<float2, 2> gradient, Array<float4, 2> image) const {
         unsigned int x, y;
@@ -109,13 +121,8 @@ struct compute_Diffusion_tensor_kernel {
     VELA_HD void operator()(const Thread& t, Array<float4, 2> D, Array<float2, 2> gradient) const {
         unsigned int x, y;
         if (!pixelOf(t, D.extents.x, D.extents.y, x, y)) return;
-        const float2 gr = vela::at(gradient, x, y);
-        const float n = sqrtf(gr.x * gr.x + gr.y * gr.y);
-        float ex = 1.0f, ey = 0.0f;
-        if (!(n < 1e-6f)) {
-            ex = gr.x / n;
-            ey = gr.y / n;
-        }
+        const Direction d(vela::at(gradient, x, y), 1e-6f);
+        const float n = d.n, ex = d.ex, ey = d.ey;
         const float w = expf(-n * n);
         const float off = (w - 1.0f) * ex * ey;
         vela::at(D, x, y) = make_float4(w * ex * ex + ey * ey, off, off, w * ey * ey + ex * ex);
@@ -136,14 +143,8 @@ struct compute_Diffusion_tensor_exp_kernel {
     VELA_HD void operator()(const Thread& t, Array<float4, 2> D, Array<float2, 2> gradient) const {
         unsigned int x, y;
         if (!pixelOf(t, D.extents.x, D.extents.y, x, y)) return;
-        const float2 gr = vela::at(gradient, x, y);
-        const float n = sqrtf(gr.x * gr.x + gr.y * gr.y);
-        float ex = 1.0f, ey = 0.0f;
-        if (!(n < 1e-4f)) {
-            ex = gr.x / n;
-            ey = gr.y / n;
-        }
-        vela::at(D, x, y) = make_float4(ex, ey, ey, -ex);
+        const Direction d(vela::at(gradient, x, y), 1e-4f);
+        vela::at(D, x, y) = make_float4(d.ex, d.ey, d.ey, -d.ex);
     }
 };
 

@@ -17,7 +17,7 @@ namespace {
 using vela::Array;
 using vela::device::Thread;
 
-constexpr const char* kSource = "src/video/motion";
+constexpr seg::DeviceCheck check{"src/video/motion"};
 constexpr unsigned int kBlockX = 32, kBlockY = 8;
 
 // ---------------------------------------------------------------------------
@@ -212,8 +212,6 @@ struct changedPixels_kernel {
 // ---------------------------------------------------------------------------
 // Host functions
 // ---------------------------------------------------------------------------
-
-void check(int line) { vela::_CHECK_CUDA_ERROR(kSource, line); }
 
 dim3 block() { return dim3(kBlockX, kBlockY); }
 dim3 grid(unsigned int w, unsigned int h) {

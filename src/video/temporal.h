@@ -15,11 +15,13 @@
 // kCutDifference) starts afresh.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "src/PDseg.h"
 #include "src/settings.h"
 #include "src/video/motion.h"
+#include "src/video/motion_cells.h"
 
 namespace video {
 
@@ -31,41 +33,44 @@ constexpr double kCutDifference = 40.0;
 // labelling adds no cost.
 constexpr float kChangedDifference = 40.0f;
 
-class VideoState {
- public:
-    VideoState() = default;
-    ~VideoState() { reset(); }
-    VideoState(const VideoState&) = delete;
-    VideoState& operator=(const VideoState&) = delete;
-
-    // Readies `seg` for seg.run() as prepareSegmentation does, with what the
-    // frame before hands on.  `labelIds` are the track labels of the label
-    // indices, `motion` the tracks' points in this frame and the one before.
-    void prepare(PDseg& seg, vela::Array<float, 2>& labels, int numLabels, const std::vector<int>& labelIds,
-                 const std::vector<MotionPoint>& motion, const SegmentationSettings& settings);
-
-    // After seg.run(): keeps what the next frame needs.
-    void keep(PDseg& seg);
-
-    // Forgets the frame before: the next one starts afresh.
-    void reset();
-
-    // Whether the last prepare() started from the frame before, and the
-    // walker's conjugate-gradient iterations it took.
-    bool continued() const { return continued_; }
-    int walkerIterations() const { return walkerIterations_; }
-
- private:
-    vela::Array<float4, 2> image_;      // the frame before, 0 to 255
-    vela::Array<float, 3> walker_;      // its walker probabilities
-    vela::Array<float, 3> relaxed_;     // its relaxed labelling
-    vela::Array<float2, 3> dual_;       // its dual field
-    std::vector<int> labelIds_;         // the track label of each of its layers
-    vela::Array<float, 3> startU_;      // this frame's moved labelling, lent to seg
-    vela::Array<float2, 3> startDual_;  // and dual field
-    std::vector<int> pending_;          // this frame's label ids, kept by keep()
-    bool continued_ = false;
-    int walkerIterations_ = 0;
+// What a frame hands on to the next one; empty (the default) for a first
+// frame, after a frame without seeds, or frame by frame.
+struct Carry {
+    vela::ScopedArray<float4, 2> image;   // the frame, 0 to 255
+    vela::ScopedArray<float, 3> walker;   // its walker probabilities
+    vela::ScopedArray<float, 3> relaxed;  // its relaxed labelling
+    vela::ScopedArray<float2, 3> dual;    // its dual field
+    std::vector<int> labelIds;            // the track label of each of its layers
+    // How that frame began: from the one before it or afresh, and the
+    // walker's conjugate-gradient iterations.
+    bool continued = false;
+    int walkerIterations = 0;
 };
+
+// What a frame takes from the one before, moved along the motion: nothing
+// (continued false) where it starts afresh.
+struct Start {
+    bool continued = false;
+    vela::ScopedArray<float, 3> u;        // the relaxed labelling, W x H x L of this frame's labels
+    vela::ScopedArray<float2, 3> dual;    // the dual field, where the frame before kept one
+    vela::ScopedArray<float, 3> walker;   // the walker probabilities, with temporalWalkerRadius
+    vela::ScopedArray<float, 2> changed;  // 1 where the frame before may not hold
+    std::unique_ptr<TrackMotion> tracks;  // each label's motion from its tracks
+};
+
+// This frame's start: `labelIds` are the track labels of its label indices,
+// `motion` the tracks' points in this frame and the one before.
+Start startFrom(const Carry& before, const vela::Array<float4, 2>& image, const std::vector<int>& labelIds,
+                const std::vector<MotionPoint>& motion, const SegmentationSettings& settings);
+
+// The costs a continued frame adds to its cost map: the motion term and the
+// moved labelling as a weak cost, both away from the seeds (`labels`).
+void addVideoCosts(vela::Array<float, 3>& cost, const Start& start, const Carry& before,
+                   const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
+                   const std::vector<int>& labelIds, const SegmentationSettings& settings);
+
+// After the solve: what the next frame needs from this one.
+Carry keep(PDseg& seg, const std::vector<int>& labelIds, vela::ScopedArray<float, 3> walker, bool continued,
+           int walkerIterations);
 
 }  // namespace video

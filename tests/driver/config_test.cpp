@@ -1,4 +1,4 @@
-#include "src/config.h"
+#include "src/driver/config.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "src/driver.h"
+#include "src/driver/driver.h"
 
 #include <gtest/gtest.h>
 #include <png.h>

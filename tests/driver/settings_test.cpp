@@ -1,11 +1,10 @@
 // The solver settings the configuration file sets.
-#include "src/settings.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "src/driver/settings_file.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "src/tracks.h"
+#include "src/driver/tracks.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,10 @@
-#include "src/utility.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "src/driver/file_names.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <limits>
 
 #include "engine_test_util.h"
-#include "src/dataterms/colour_distance.h"
+#include "src/PDseg_colour_costs.h"
 #include "src/dataterms/probability_cost.h"
 
 namespace {

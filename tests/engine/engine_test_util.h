@@ -10,6 +10,7 @@
 
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
+#include "src/frame.h"
 #include "tests/support/message_of.h"
 
 namespace enginetest {
@@ -35,13 +36,8 @@ std::vector<T> download(const vela::Array<T, N>& a) {
 
 // Also releases the colour tables the engine leaves to the process's end, so
 // that leak checks see only real leaks.
-struct ScopedPDseg : PDseg {
-    using PDseg::PDseg;
-    ~ScopedPDseg() {
-        vela::freeArray(colorCode);
-        vela::freeArray(labelColors);
-    }
-};
+// The solver object that releases its colour tables too, as a frame does.
+using ScopedPDseg = FrameSolver;
 
 inline bool same(const float4& a, const float4& b) { return a.x == b.x && a.y == b.y && a.z == b.z && a.w == b.w; }
 

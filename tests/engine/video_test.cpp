@@ -275,7 +275,7 @@ std::vector<MotionPoint> squareMotion(unsigned int from, unsigned int to) {
 
 struct VideoRun {
     SegmentationSettings settings;
-    video::VideoState state;
+    video::Carry carry;
     VideoRun() {
         settings.lambda = 100.0f;
         settings.maxiter = 200;
@@ -286,11 +286,14 @@ struct VideoRun {
                              std::vector<float>* costs = nullptr) {
         Image image(upload(f.image, f.w, f.h));
         seg::ScopedArray<float, 2> labels(upload(f.seeds, f.w, f.h));
+        const FrameSeeds seeds{labels.a, ids, motion};
+        if (costs) {
+            ScopedPDseg prepared(image.a);
+            prepareFrame(prepared, seeds, settings, carry);
+            *costs = download(prepared.costMap);
+        }
         ScopedPDseg s(image.a);
-        state.prepare(s, labels.a, 2, ids, motion, settings);
-        if (costs) *costs = download(s.costMap);
-        s.run();
-        state.keep(s);
+        carry = segmentFrame(s, seeds, settings, std::move(carry));
         const std::vector<float> u = download(s.u);
         return std::vector<float>(u.begin() + f.w * f.h, u.end());
     }
@@ -355,15 +358,15 @@ TEST(MotionTerm, ALabelCostsWhereItsMotionDoesNotBringThePixelsColour) {
                  std::runtime_error);
 }
 
-TEST(VideoState, CarriesAMovingSquareAndStartsAfreshAtACut) {
+TEST(VideoCarry, CarriesAMovingSquareAndStartsAfreshAtACut) {
     VideoRun run;
     const SquareFrame first(10), second(13), cut(13, true);
     run.frame(first, {}, {4, 9});
-    EXPECT_FALSE(run.state.continued());
+    EXPECT_FALSE(run.carry.continued);
 
     std::vector<float> costs;
     const std::vector<float> square = run.frame(second, squareMotion(10, 13), {4, 9}, &costs);
-    EXPECT_TRUE(run.state.continued());
+    EXPECT_TRUE(run.carry.continued);
     const unsigned int w = SquareFrame::w, h = SquareFrame::h;
     // The square, to within a pixel of its edges (where the edge weights lie
     // between two pixels).
@@ -389,26 +392,26 @@ TEST(VideoState, CarriesAMovingSquareAndStartsAfreshAtACut) {
     // square, label id 9, is now layer 0.
     std::vector<float> swapped;
     const std::vector<float> layer1 = run.frame(second, squareMotion(13, 13), {9, 4}, &swapped);
-    EXPECT_TRUE(run.state.continued());
+    EXPECT_TRUE(run.carry.continued);
     EXPECT_NEAR(swapped[deepInside], 0.0f, 1e-3);
     EXPECT_NEAR(swapped[w * h + deepInside], run.settings.temporalWeight, 1e-3);
     EXPECT_EQ(layer1[deepInside], 0.0f);
 
     run.frame(cut, squareMotion(13, 13), {9, 4});
-    EXPECT_FALSE(run.state.continued());
+    EXPECT_FALSE(run.carry.continued);
     run.frame(second, {}, {4, 9});  // no track continues
-    EXPECT_FALSE(run.state.continued());
+    EXPECT_FALSE(run.carry.continued);
     run.frame(second, squareMotion(13, 13), {4, 9});
-    EXPECT_TRUE(run.state.continued());
-    run.state.reset();
+    EXPECT_TRUE(run.carry.continued);
+    run.carry = {};
     run.frame(second, squareMotion(13, 13), {4, 9});
-    EXPECT_FALSE(run.state.continued());
+    EXPECT_FALSE(run.carry.continued);
 }
 
 // With the walker term, a continued frame keeps the walker's probabilities
 // moved from the frame before where they hold and solves only near the
 // square's edges: fewer iterations, the same square.
-TEST(VideoState, TheWalkerSolvesAgainOnlyWhereTheFrameBeforeMayNotHold) {
+TEST(VideoCarry, TheWalkerSolvesAgainOnlyWhereTheFrameBeforeMayNotHold) {
     VideoRun run;
     run.settings.dataTerm = DataTerm::WALKER;
     run.settings.walkerIterations = 1000;
@@ -416,11 +419,11 @@ TEST(VideoState, TheWalkerSolvesAgainOnlyWhereTheFrameBeforeMayNotHold) {
     run.settings.temporalWalkerTolerance = 1e-4f;
     run.settings.temporalWalkerRadius = 2;
     run.frame(SquareFrame(10), {}, {4, 9});
-    const int cold = run.state.walkerIterations();
+    const int cold = run.carry.walkerIterations;
     const std::vector<float> square = run.frame(SquareFrame(13), squareMotion(10, 13), {4, 9});
-    ASSERT_TRUE(run.state.continued());
-    EXPECT_GT(run.state.walkerIterations(), 0);
-    EXPECT_LT(run.state.walkerIterations(), cold);
+    ASSERT_TRUE(run.carry.continued);
+    EXPECT_GT(run.carry.walkerIterations, 0);
+    EXPECT_LT(run.carry.walkerIterations, cold);
     const unsigned int w = SquareFrame::w;
     for (unsigned int y = 0; y < SquareFrame::h; ++y)
         for (unsigned int x = 0; x < w; ++x) {

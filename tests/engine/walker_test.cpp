@@ -10,7 +10,7 @@
 #include "engine_test_util.h"
 #include "src/dataterms/seed_check.h"
 #include "src/dataterms/walker_region.h"
-#include "src/segment.h"
+#include "src/frame.h"
 #include "src/solver/ops.h"
 
 namespace {
@@ -110,12 +110,18 @@ Frame texturedFrame(unsigned int w, unsigned int h) {
     return f;
 }
 
+// The seed costs and, with the walker as data term, the walker's; `solve`
+// receives the walker's probabilities and iterations.
 std::vector<float> walkerCostMap(const Frame& f, unsigned int nLabels, const SegmentationSettings& settings,
-                                 const WalkerCarry& carry = {}) {
+                                 const WalkerStart& start = {}, WalkerSolve* solve = nullptr) {
     Image image(upload(f.image, f.w, f.h));
     seg::ScopedArray<float, 2> labels(upload(f.labels, f.w, f.h));
     ScopedPDseg s(image.a);
-    prepareSegmentation(s, labels.a, static_cast<int>(nLabels), settings, carry);
+    s.labelsToCostMap(labels.a, static_cast<int>(nLabels));
+    if (settings.dataTerm == DataTerm::WALKER) {
+        WalkerSolve result = addWalkerCost(s, labels.a, settings, start);
+        if (solve) *solve = std::move(result);
+    }
     return download(s.costMap);
 }
 
@@ -126,6 +132,7 @@ SegmentationSettings walkerSettings(float weight) {
     settings.walkerBeta = 5.0f;
     settings.walkerIterations = 2000;
     settings.walkerTolerance = 1e-6f;
+    settings.temporalWalkerTolerance = 0.0f;  // a restricted solve stops where a full one does
     return settings;
 }
 
@@ -190,13 +197,10 @@ TEST_P(WalkerCost, ARestrictedSolveKeepsTheStartWhereItHolds) {
     const unsigned int nLabels = 3, n = f.w * f.h, radius = 3;
     SegmentationSettings settings = walkerSettings(1.0f);
     settings.walkerBeta = 50.0f;
-    seg::ScopedArray<float, 3> solution, kept;
-    int coldIterations = 0, iterations = -1;
-    const std::vector<float> cold =
-        walkerCostMap(f, nLabels, settings, {nullptr, 0, nullptr, &solution.a, &coldIterations});
-    const std::vector<float> again =
-        walkerCostMap(f, nLabels, settings, {&solution.a, radius, nullptr, nullptr, &iterations});
-    EXPECT_LT(iterations, coldIterations);
+    WalkerSolve solution, warm, kept;
+    const std::vector<float> cold = walkerCostMap(f, nLabels, settings, {}, &solution);
+    const std::vector<float> again = walkerCostMap(f, nLabels, settings, {&solution.probabilities.a, radius}, &warm);
+    EXPECT_LT(warm.iterations, solution.iterations);
     for (std::size_t i = 0; i < cold.size(); ++i) ASSERT_NEAR(again[i], cold[i], 2e-3) << "element " << i;
 
     const float sure = 0.95f;
@@ -210,9 +214,9 @@ TEST_P(WalkerCost, ARestrictedSolveKeepsTheStartWhereItHolds) {
     std::vector<float> changedPixels(n, 0.0f);
     changedPixels[changedY * f.w + changedX] = 1.0f;
     seg::ScopedArray<float, 2> changed(upload(changedPixels, f.w, f.h));
-    walkerCostMap(f, nLabels, settings, {&startArray.a, radius, &changed.a, &kept.a, &iterations});
-    EXPECT_GT(iterations, 0);
-    const std::vector<float> probabilities = download(kept.a);
+    walkerCostMap(f, nLabels, settings, {&startArray.a, radius, &changed.a}, &kept);
+    EXPECT_GT(kept.iterations, 0);
+    const std::vector<float> probabilities = download(kept.probabilities.a);
     auto within = [&](unsigned int x, unsigned int y, unsigned int i) {
         return std::max(std::abs(int(x) - int(i % f.w)), std::abs(int(y) - int(i / f.w))) <= int(radius);
     };
@@ -328,7 +332,7 @@ TEST(SeedCheck, DropsSeedsWhoseLabelHasTooSmallAShareOfTheVote) {
 }
 
 // Every setting reaches the object; the definition's defaults stay.
-TEST(PrepareSegmentation, SetsModelParametersAndTheCostMap) {
+TEST(PrepareFrame, SetsModelParametersAndTheCostMap) {
     Frame f = texturedFrame(12, 6);
     Image image(upload(f.image, f.w, f.h));
     seg::ScopedArray<float, 2> labels(upload(f.labels, f.w, f.h));
@@ -338,8 +342,9 @@ TEST(PrepareSegmentation, SetsModelParametersAndTheCostMap) {
     settings.model = 3;
     settings.diffusivity = 1;
     settings.alpha = 2.5f;
+    const FrameSeeds seeds{labels.a, {0, 1, 2}};
     ScopedPDseg s(image.a);
-    prepareSegmentation(s, labels.a, 3, settings);
+    prepareFrame(s, seeds, settings);
     EXPECT_TRUE(s.lambda == 42.0f && s.nIterations == 7 && s.model == PDseg::ANISOTROPIC_TV && s.diffusivityType == 1 &&
                 s.alpha == 2.5f && s.nLabels == 3);
 
@@ -348,12 +353,12 @@ TEST(PrepareSegmentation, SetsModelParametersAndTheCostMap) {
     for (float density : {0.5f, 0.05f}) {
         settings.lambdaSeedDensity = density;
         ScopedPDseg sparse(image.a);
-        prepareSegmentation(sparse, labels.a, 3, settings);
+        prepareFrame(sparse, seeds, settings);
         EXPECT_FLOAT_EQ(sparse.lambda, density > 5.0f / 72.0f ? 42.0f * std::sqrt(5.0f / 72.0f / density) : 42.0f);
     }
 
     ScopedPDseg plain(image.a);
-    prepareSegmentation(plain, labels.a, 3, SegmentationSettings{});
+    prepareFrame(plain, seeds, SegmentationSettings{});
     ScopedPDseg reference(image.a);
     reference.labelsToCostMap(labels.a, 3);
     EXPECT_EQ(download(plain.costMap), download(reference.costMap));

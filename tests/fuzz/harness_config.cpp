@@ -1,7 +1,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "src/config.h"
+#include "src/driver/config.h"
 #include "tests/fuzz/harness.h"
 #include "tests/fuzz/scratch.h"
 

@@ -2,7 +2,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "src/tracks.h"
+#include "src/driver/tracks.h"
 #include "tests/fuzz/harness.h"
 #include "tests/fuzz/scratch.h"
 #include "vela/tools.h"

@@ -15,6 +15,7 @@
 
 #include "src/PDseg.h"
 #include "src/engine_arrays.h"
+#include "src/frame.h"
 
 namespace solvertest {
 
@@ -94,15 +95,8 @@ bool sameBytes(const Grid<T>& a, const Grid<T>& b) {
     return a.data.size() == b.data.size() && std::memcmp(a.data.data(), b.data.data(), a.data.size() * sizeof(T)) == 0;
 }
 
-// A PDseg that also releases the colour tables the engine keeps to the
-// process's end, so that leak checks see only real leaks.
-struct ScopedPDseg : PDseg {
-    using PDseg::PDseg;
-    ~ScopedPDseg() {
-        vela::freeArray(colorCode);
-        vela::freeArray(labelColors);
-    }
-};
+// The solver object that releases its colour tables too, as a frame does.
+using ScopedPDseg = FrameSolver;
 
 // Runs the enclosing scope in a fresh temporary directory, removed afterwards:
 // the tensor models write "imageGradient.ppm" into the working directory.

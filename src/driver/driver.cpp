@@ -1,4 +1,4 @@
-#include "src/driver.h"
+#include "src/driver/driver.h"
 
 #include <unistd.h>
 
@@ -16,13 +16,13 @@
 
 #include "image/CTensor.h"
 #include "image/png_file.h"
-#include "src/PDseg.h"
-#include "src/config.h"
-#include "src/label_map.h"
-#include "src/segment.h"
-#include "src/settings.h"
-#include "src/tracks.h"
-#include "src/utility.h"
+#include "src/driver/config.h"
+#include "src/driver/file_names.h"
+#include "src/driver/label_map.h"
+#include "src/driver/settings_file.h"
+#include "src/driver/tracks.h"
+#include "src/engine_arrays.h"
+#include "src/frame.h"
 #include "vela/algorithms/basic.h"
 #include "vela/algorithms/conversion.h"
 #include "vela/cmatrixlib_interface.h"
@@ -117,19 +117,39 @@ bool outputsAreFree(const std::string& stem, const std::vector<std::string>& inp
     return true;
 }
 
-// Picks the palette colour of each frame label.  False when a label has no
-// palette entry.
-bool setLabelColors(PDseg& seg, const std::vector<int>& labelIds, unsigned int frame) {
-    const unsigned int paletteSize = seg.colorCode.extents.x;
+// Whether every label of the frame has a palette colour; says which has none.
+bool paletteHolds(const std::vector<int>& labelIds, unsigned int frame) {
+    const int paletteSize = static_cast<int>(seg::palette().size());
     for (int id : labelIds) {
-        if (id < 0 || static_cast<unsigned int>(id) >= paletteSize) {
+        if (id < 0 || id >= paletteSize) {
             std::cerr << "denseseg: label " << id << " of frame " << frame << " has no colour (labels 0 to "
                       << paletteSize - 1 << "); frame skipped" << std::endl;
             return false;
         }
     }
-    setLabelColours(seg, labelIds);
     return true;
+}
+
+// Refuses, before anything is allocated on the device, a run with a frame the
+// engine cannot address.  Only a frame large enough that the palette's
+// labels might not fit has its labels counted.
+void requireFramesAddressable(const TrackFile& tracks, unsigned int first, std::size_t count, unsigned int w,
+                              unsigned int h) {
+    requireAddressable(w, h, 1);
+    try {
+        requireAddressable(w, h, kTrackLabelLimit);
+        return;
+    } catch (const FrameTooLarge&) {
+    }
+    if (tracks.tracks().empty()) return;  // a file not held gives no labels
+    std::vector<float> values(static_cast<std::size_t>(w) * h);
+    vela::Array<float, 2> labels = vela::arrayFromHostMemory(values.data(), make_uint2(w, h));
+    for (unsigned int f = first; f < first + count; ++f) {
+        std::fill(values.begin(), values.end(), -1.0f);
+        std::vector<int> ids;
+        const int labelCount = tracks.frame(f, static_cast<int>(w), static_cast<int>(h), labels, ids);
+        if (labelCount > 0) requireAddressable(w, h, static_cast<unsigned int>(labelCount));
+    }
 }
 
 void printUsage() {
@@ -163,10 +183,17 @@ int singleFrame(const std::string& imagePath, const std::string& trackPath, unsi
                 const SegmentationSettings& settings, const FrameOutputs& outputs) {
     if (!outputsAreFree(outputStem, inputs, outputs)) return 1;
     vela::ScopedArray<float4, 2> host(loadColorImage(imagePath));
-    vela::ScopedArray<float4, 2> image(narrow<float4, 2>(
-        vela::mallocDeviceArray<float4>(make_uint4(host.a.extents.x, host.a.extents.y, 1, 1), vela::PITCHED_LAYOUT)));
+    const TrackFile tracks(trackPath);
+    const unsigned int w = host.a.extents.x, h = host.a.extents.y;
+    requireFramesAddressable(tracks, frame, 1, w, h);
+    vela::ScopedArray<float4, 2> image(
+        narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
     vela::arrayCopy(image.a, host.a);
-    processFrame(outputStem, image.a, TrackFile(trackPath), frame, settings, outputs);
+    // One frame has no frame before it.
+    SegmentationSettings alone = settings;
+    alone.temporal = 0;
+    video::Carry none;
+    processFrame(outputStem, image.a, tracks, frame, alone, outputs, none);
     return 0;
 }
 
@@ -189,17 +216,17 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
 
     vela::ScopedArray<float4, 2> host(loadColorImage(files[0]));
     const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
-    vela::ScopedArray<float4, 2> image(
-        narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
     // The track file is read once for every frame; in temporal mode its
     // tracks also give the motion from frame to frame (none where the file
     // cannot be held: its frames report it as before).
     const TrackFile trackFile(trackPath);
-    video::VideoState video;
+    requireFramesAddressable(trackFile, 0, files.size(), size.x, size.y);
+    vela::ScopedArray<float4, 2> image(
+        narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
+    video::Carry carry;
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (i > 0) {
-            vela::freeArray(host.a);
-            host.a = loadColorImage(files[i]);
+            host = vela::ScopedArray<float4, 2>(loadColorImage(files[i]));
             if (host.a.extents.x != size.x || host.a.extents.y != size.y) {
                 std::cerr << "denseseg: image " << files[i] << " is " << host.a.extents.x << " x " << host.a.extents.y
                           << " pixels, but the first image of the folder, " << files[0] << ", is " << size.x << " x "
@@ -208,12 +235,7 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
             }
         }
         vela::arrayCopy(image.a, host.a);
-        const unsigned int frame = static_cast<unsigned int>(i);
-        if (settings.temporal == 1)
-            processFrame(stems[i], image.a, trackFile, frame, settings, outputs, &video,
-                         motionOfTracks(trackFile.tracks(), frame, static_cast<int>(size.x), static_cast<int>(size.y)));
-        else
-            processFrame(stems[i], image.a, trackFile, frame, settings, outputs);
+        processFrame(stems[i], image.a, trackFile, static_cast<unsigned int>(i), settings, outputs, carry);
     }
     return exportTracks(resultFolder, trackPath, inputs);
 }
@@ -282,50 +304,36 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
 
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
                   unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
-                  video::VideoState* video, const std::vector<video::MotionPoint>& motion) {
+                  video::Carry& carry) {
     const unsigned int w = image.extents.x, h = image.extents.y;
-    vela::ScopedArray<float, 2> hostLabels(
-        narrow<float, 2>(vela::mallocHostArray<float>(make_uint4(w, h, 1, 1), vela::LINEAR_LAYOUT)));
-    vela::ScopedArray<float, 2> labels(
-        narrow<float, 2>(vela::mallocDeviceArray<float>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
-    vela::Array<float, 4> labels4 = vela::internal::increaseArrayDimension(labels.a);
-    vela::set(labels4, -1.0f, kDefaultStream);
-    vela::arrayCopy(hostLabels.a, labels.a);
-
-    std::vector<int> labelIds;
-    const int numLabels = tracks.frame(frame, static_cast<int>(w), static_cast<int>(h), hostLabels.a, labelIds);
+    std::vector<float> seedValues(static_cast<std::size_t>(w) * h, -1.0f);
+    vela::Array<float, 2> hostLabels = vela::arrayFromHostMemory(seedValues.data(), make_uint2(w, h));
+    FrameSeeds seeds;
+    const int numLabels = tracks.frame(frame, static_cast<int>(w), static_cast<int>(h), hostLabels, seeds.labelIds);
     if (numLabels < 1) {
-        if (video) video->reset();
+        carry = {};
         return;
     }
-    vela::arrayCopy(labels.a, hostLabels.a);
-
     std::cout << "processing " << frame << "th frame: " << outputStem << std::endl;
     std::cout << "number of different labels in this frame: " << numLabels << std::endl;
-
-    PDseg seg(image);
-    ColourTablesOfFrame colourTables{seg};
-    if (video)
-        video->prepare(seg, labels.a, numLabels, labelIds, motion, settings);
-    else
-        prepareSegmentation(seg, labels.a, numLabels, settings);
-    if (!setLabelColors(seg, labelIds, frame)) {
-        if (video) video->reset();
+    if (!paletteHolds(seeds.labelIds, frame)) {
+        carry = {};
         return;
     }
+    vela::ScopedArray<float, 2> labels(
+        narrow<float, 2>(vela::mallocDeviceArray<float>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
+    vela::arrayCopy(labels.a, hostLabels);
+    seeds.labels = labels.a;
+    if (settings.temporal == 1)
+        seeds.motion = motionOfTracks(tracks.tracks(), frame, static_cast<int>(w), static_cast<int>(h));
 
-    vela::timer::reset("PDseg::run()");
-    vela::timer::start("PDseg::runTotal()");
-    vela::timer::start("PDseg::run()");
-    seg.run();
-    vela::timer::stop("PDseg::run()");
-    vela::timer::stop("PDseg::runTotal()");
+    FrameSolver seg(image);
+    setLabelColours(seg, seeds.labelIds);
+    carry = segmentFrame(seg, seeds, settings, std::move(carry));
     vela::timer::printToScreen("", 6, 0, true);
-    if (video) {
-        video->keep(seg);
-        std::cout << (video->continued() ? "started from the frame before" : "started afresh")
-                  << "; walker iterations: " << video->walkerIterations() << std::endl;
-    }
+    if (settings.temporal == 1)
+        std::cout << (carry.continued ? "started from the frame before" : "started afresh")
+                  << "; walker iterations: " << carry.walkerIterations << std::endl;
     // With a tolerance the iteration count varies from frame to frame.
     if (settings.solverTolerance > 0.0f)
         std::cout << "solver iterations: " << seg.iterationsDone << " of " << seg.nIterations << std::endl;
@@ -333,11 +341,14 @@ void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, 
     seg.computeColorRepresentation(seg.u, true, false);
     saveRendering(seg.colorImage, outputStem + "_dense.ppm");
     saveRendering(seg.getColorImageOverlay(0.4f), outputStem + "_overlay.ppm");
-    if (outputs.labels)
+    if (outputs.labels) {
+        std::vector<float4> palette = seg::palette();
+        const vela::Array<float4, 1> table = seg::hostView1D(palette.data(), static_cast<unsigned int>(palette.size()));
         writeInPlace(outputStem + "_labels.png", [&](const std::string& partial) {
-            png_file::writePalette(static_cast<int>(w), static_cast<int>(h), labelNumbers(seg.u, labelIds),
-                                   paletteBytes(seg.colorCode), partial);
+            png_file::writePalette(static_cast<int>(w), static_cast<int>(h), labelNumbers(seg.u, seeds.labelIds),
+                                   paletteBytes(table), partial);
         });
+    }
 }
 
 int exportTracks(const std::string& resultFolder, const std::string& trackPath,

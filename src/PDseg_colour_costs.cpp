@@ -1,4 +1,4 @@
-#include "src/dataterms/colour_distance.h"
+#include "src/PDseg_colour_costs.h"
 
 #include <cmath>
 #include <cstdio>

@@ -1,3 +1,3 @@
-#include "src/driver.h"
+#include "src/driver/driver.h"
 
 int main(int argc, char** argv) { return denseseg(argc, argv); }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "src/PDseg.h"
-#include "src/dataterms/colour_distance.h"
+#include "src/PDseg_colour_costs.h"
 #include "src/engine_arrays.h"
 #include "src/label_colours.h"
 #include "src/solver/simplex.h"

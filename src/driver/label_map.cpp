@@ -1,4 +1,4 @@
-#include "src/label_map.h"
+#include "src/driver/label_map.h"
 
 #include <stdexcept>
 

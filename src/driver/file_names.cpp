@@ -1,4 +1,4 @@
-#include "src/utility.h"
+#include "src/driver/file_names.h"
 
 #include <fnmatch.h>
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "src/driver/tracks.h"
 #include "src/settings.h"
-#include "src/tracks.h"
 #include "src/video/temporal.h"
 #include "vela/tools.h"
 
@@ -32,13 +32,12 @@ struct FrameOutputs {
 // the device image `image`; writes outputStem + "_dense.ppm" and
 // outputStem + "_overlay.ppm", and the results `outputs` asks for.  A frame
 // without usable track points writes nothing.  Each label keeps its palette
-// colour in every frame.
-// With `video` (whole-folder mode with "i temporal 1"), the frame starts from
-// the one before along `motion`, the tracks' motion into this frame; a frame
-// without usable points resets it.
+// colour in every frame.  With "temporal 1" the frame starts from `carry`,
+// what the frame before handed on along the tracks' motion, and leaves there
+// what the next frame needs; a frame without usable points empties it.
 void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
-                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs = {},
-                  video::VideoState* video = nullptr, const std::vector<video::MotionPoint>& motion = {});
+                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
+                  video::Carry& carry);
 
 // Turns every "*dense*.ppm" of `resultFolder` (which ends with "/") into one
 // track file named like `trackPath` in that folder: one track of length 1 per
