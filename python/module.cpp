@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <sstream>
@@ -70,7 +71,7 @@ nb::ndarray<nb::numpy, T> ownedArray(std::vector<T>&& values, std::initializer_l
 
 // The frame as the program builds it: three float planes, converted to a host
 // float4 image and copied into a pitched device image.
-vela::Array<float4, 2> deviceImage(const float* interleaved, unsigned int w, unsigned int h) {
+vela::ScopedArray<float4, 2> deviceImage(const float* interleaved, unsigned int w, unsigned int h) {
     const std::size_t plane = static_cast<std::size_t>(w) * h;
     std::vector<float> planes(3 * plane);
     for (std::size_t i = 0; i < plane; ++i)
@@ -79,28 +80,14 @@ vela::Array<float4, 2> deviceImage(const float* interleaved, unsigned int w, uns
     std::vector<float4> pixels(plane);
     vela::Array<float4, 2> host = vela::arrayFromHostMemory(pixels.data(), make_uint2(w, h));
     vela::convert(host, planar, 1.0f, kDefaultStream);
-    vela::Array<float4, 2> image = vela::mallocDeviceArray<float4>(make_uint2(w, h), vela::PITCHED_LAYOUT);
-    try {
-        vela::arrayCopy(image, host);
-    } catch (...) {
-        vela::freeArray(image);
-        throw;
-    }
-    return image;
+    return seg::deviceCopy(host);
 }
 
 // The label image of the engine: the index as a float, -1 where no seed lies.
-vela::Array<float, 2> deviceLabels(const std::int32_t* indices, unsigned int w, unsigned int h) {
+vela::ScopedArray<float, 2> deviceLabels(const std::int32_t* indices, unsigned int w, unsigned int h) {
     std::vector<float> values(static_cast<std::size_t>(w) * h);
     for (std::size_t i = 0; i < values.size(); ++i) values[i] = indices[i] < 0 ? -1.0f : static_cast<float>(indices[i]);
-    vela::Array<float, 2> labels = vela::mallocDeviceArray<float>(make_uint2(w, h), vela::PITCHED_LAYOUT);
-    try {
-        vela::arrayCopy(labels, vela::arrayFromHostMemory(values.data(), make_uint2(w, h)));
-    } catch (...) {
-        vela::freeArray(labels);
-        throw;
-    }
-    return labels;
+    return seg::deviceCopy(vela::arrayFromHostMemory(values.data(), make_uint2(w, h)));
 }
 
 // A W x H x L device array read back as L x H x W floats.
@@ -328,67 +315,73 @@ std::string settingsError(const std::vector<Entry>& entries) {
     return readSegmentationSettings(config, settings, error) ? std::string() : error;
 }
 
-nb::object segment(const Image& image, const Indices& seeds, int numLabels, const std::vector<Entry>& entries,
-                   bool returnRelaxed) {
-    const std::size_t h = seeds.shape(0), w = seeds.shape(1);
+// Checks a frame of h x w pixels with `labels` labels against its image.
+void requireFrame(const Image& image, std::size_t h, std::size_t w, std::size_t labels) {
     requireImage(image, h, w);
     if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
-    if (numLabels < 1 || numLabels > seg::kMaxLabels)
-        throw nb::value_error(("num_labels must be from 1 to " + std::to_string(seg::kMaxLabels)).c_str());
-    requireAddressable(w, h, static_cast<std::size_t>(numLabels));
-    for (std::size_t i = 0; i < h * w; ++i)
-        if (seeds.data()[i] >= numLabels) throw nb::value_error("seeds holds an index not below num_labels");
-    const SegmentationSettings settings = settingsOf(entries);
+    requireAddressable(w, h, labels);
+}
 
-    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+// Runs `solve` (device image -> solved FrameSolver) on the frame under the
+// engine's lock, without the GIL, and returns its labelling.
+template <class Solve>
+nb::object labellingOf(const Image& image, int numLabels, bool returnRelaxed, Solve solve) {
+    const std::size_t h = image.shape(0), w = image.shape(1);
     std::vector<float> hard, relaxed;
     {
         nb::gil_scoped_release released;
         std::lock_guard<std::mutex> lock(engineMutex);
-        vela::ScopedArray<float4, 2> frame(deviceImage(image.data(), W, H));
-        vela::ScopedArray<float, 2> labels(deviceLabels(seeds.data(), W, H));
-        FrameSeeds frameSeeds{labels.a, std::vector<int>(static_cast<std::size_t>(numLabels))};
-        FrameSolver seg(frame.a);
-        segmentFrame(seg, frameSeeds, settings);
-        hard = readLayers(seg.u);
-        if (returnRelaxed) relaxed = readLayers(seg.uResult);
+        vela::ScopedArray<float4, 2> frame =
+            deviceImage(image.data(), static_cast<unsigned int>(w), static_cast<unsigned int>(h));
+        const std::unique_ptr<FrameSolver> seg = solve(frame.a);
+        hard = readLayers(seg->u);
+        if (returnRelaxed) relaxed = readLayers(seg->uResult);
     }
     return labellingResult(hard, std::move(relaxed), h, w, numLabels, returnRelaxed);
 }
 
+nb::object segment(const Image& image, const Indices& seeds, int numLabels, const std::vector<Entry>& entries,
+                   bool returnRelaxed) {
+    const std::size_t h = seeds.shape(0), w = seeds.shape(1);
+    if (numLabels < 1 || numLabels > seg::kMaxLabels)
+        throw nb::value_error(("num_labels must be from 1 to " + std::to_string(seg::kMaxLabels)).c_str());
+    requireFrame(image, h, w, static_cast<std::size_t>(numLabels));
+    for (std::size_t i = 0; i < h * w; ++i)
+        if (seeds.data()[i] >= numLabels) throw nb::value_error("seeds holds an index not below num_labels");
+    const SegmentationSettings settings = settingsOf(entries);
+    return labellingOf(image, numLabels, returnRelaxed, [&](vela::Array<float4, 2>& frame) {
+        const vela::ScopedArray<float, 2> labels =
+            deviceLabels(seeds.data(), static_cast<unsigned int>(w), static_cast<unsigned int>(h));
+        auto seg = std::make_unique<FrameSolver>(frame);
+        segmentFrame(*seg, FrameSeeds{labels.a, std::vector<int>(static_cast<std::size_t>(numLabels))}, settings);
+        return seg;
+    });
+}
+
 // The solver on the costs of given per-label probabilities (L x H x W): the
 // cost map from probabilitiesToCost(), the solver's settings from the entries,
-// as the frame sets them.
+// as a frame sets them.
 nb::object refine(const Image& image, const Layers& probabilities, const std::vector<Entry>& entries,
                   bool returnRelaxed) {
     const std::size_t L = probabilities.shape(0), h = probabilities.shape(1), w = probabilities.shape(2);
-    requireImage(image, h, w);
-    if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
     if (L < 1 || L > static_cast<std::size_t>(seg::kMaxLabels))
         throw nb::value_error(("probabilities must hold 1 to " + std::to_string(seg::kMaxLabels) + " labels").c_str());
-    requireAddressable(w, h, L);
+    requireFrame(image, h, w, L);
     const SegmentationSettings settings = settingsOf(entries);
-
-    const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
-    const unsigned int layers = static_cast<unsigned int>(L);
-    std::vector<float> hard, relaxed;
-    {
-        nb::gil_scoped_release released;
-        std::lock_guard<std::mutex> lock(engineMutex);
-        vela::ScopedArray<float4, 2> frame(deviceImage(image.data(), W, H));
+    return labellingOf(image, static_cast<int>(L), returnRelaxed, [&](vela::Array<float4, 2>& frame) {
+        const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
+        const unsigned int layers = static_cast<unsigned int>(L);
         vela::ScopedArray<float, 3> given(seg::deviceArray3D<float>(W, H, layers));
         // L x H x W in C order is the host layout of a W x H x L array.
         vela::arrayCopy(given.a, vela::arrayFromHostMemory(const_cast<float*>(probabilities.data()), W, H, layers));
         vela::ScopedArray<float, 3> costMap(seg::deviceArray3D<float>(W, H, layers));
         probabilitiesToCost(costMap.a, given.a);
         vela::Array<float, 3> taken = costMap.release();
-        FrameSolver seg(frame.a, taken);
-        applySolverSettings(seg, settings, settings.lambda);
-        solveFrame(seg);
-        hard = readLayers(seg.u);
-        if (returnRelaxed) relaxed = readLayers(seg.uResult);
-    }
-    return labellingResult(hard, std::move(relaxed), h, w, static_cast<int>(L), returnRelaxed);
+        auto seg = std::make_unique<FrameSolver>(frame, taken);
+        applySolverSettings(*seg, settings, settings.lambda);
+        solveFrame(*seg);
+        return seg;
+    });
 }
 
 // A video, frame after frame, as the program's whole-folder mode runs it: each
@@ -446,8 +439,7 @@ class Video {
             } else {
                 requireAddressable(w, h, seeds.labelIds.size());
                 vela::ScopedArray<float4, 2> device(deviceImage(image.data(), W, H));
-                vela::ScopedArray<float, 2> labels(seg::deviceArray2D<float>(W, H));
-                vela::arrayCopy(labels.a, seedView);
+                const vela::ScopedArray<float, 2> labels = seg::deviceCopy(seedView);
                 seeds.labels = labels.a;
                 if (settings_.temporal == 1)
                     seeds.motion = motionOfTracks(tracks_, frame, static_cast<int>(W), static_cast<int>(H));
@@ -461,8 +453,6 @@ class Video {
         }
         return {ownedArray(std::move(result), {h, w}), continued};
     }
-
-    std::size_t frames() const { return frames_; }
 
  private:
     std::size_t frames_;
@@ -544,8 +534,7 @@ NB_MODULE(_core, m) {
         .def(nb::init<const Points&, const Visible&, const TrackLabels&, const std::vector<Entry>&>(),
              nb::arg("points"), nb::arg("visible"), nb::arg("track_labels"), nb::arg("entries"))
         .def("segment", &Video::segment, nb::arg("image"), nb::arg("t"),
-             "Frame t (float32 H x W x 3): its track labels and whether it started from the frame before.")
-        .def_prop_ro("frames", &Video::frames);
+             "Frame t (float32 H x W x 3): its track labels and whether it started from the frame before.");
     m.def("setting_keys", &settingKeyTable,
           "Every configuration key of the settings: (key, type letter, the engine's default).");
     m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),

@@ -40,13 +40,9 @@ struct overlay_images_kernel {
 // ---------------------------------------------------------------------------
 
 ImgSeg::ImgSeg(const std::string& segName, vela::Array<float4, 2>& img) : Seg(segName), image(img) {
-    colorImage = seg::deviceArray2D<float4>(image.extents.x, image.extents.y);
-    try {
-        overlayImage = seg::deviceArray2D<float4>(image.extents.x, image.extents.y);
-    } catch (...) {
-        vela::freeArray(colorImage);
-        throw;
-    }
+    seg::ScopedArray<float4, 2> colour(seg::deviceArray2D<float4>(image.extents.x, image.extents.y));
+    overlayImage = seg::deviceArray2D<float4>(image.extents.x, image.extents.y);
+    colorImage = colour.release();
 }
 
 ImgSeg::~ImgSeg() {

@@ -28,13 +28,9 @@ PDseg::PDseg(vela::Array<float4, 2>& img, vela::Array<float, 3>& givenCostMap) :
     init();
     const unsigned int w = givenCostMap.extents.x, h = givenCostMap.extents.y, l = givenCostMap.extents.z;
     // Until construction succeeds the cost map stays the caller's.
-    u = seg::deviceArray3D<float>(w, h, l);
-    try {
-        uResult = seg::deviceArray3D<float>(w, h, l);
-    } catch (...) {
-        vela::freeArray(u);
-        throw;
-    }
+    seg::ScopedArray<float, 3> relaxed(seg::deviceArray3D<float>(w, h, l));
+    uResult = seg::deviceArray3D<float>(w, h, l);
+    u = relaxed.release();
     costMap = givenCostMap;
     nLabels = static_cast<int>(l);
 }
@@ -94,24 +90,18 @@ void PDseg::allocateSolverArrays(unsigned int w, unsigned int h, int labels, con
         throw std::runtime_error(std::string(caller) + ": the number of labels must not be negative (got " +
                                  std::to_string(labels) + ")");
     const unsigned int l = static_cast<unsigned int>(labels);
-    vela::Array<float, 3> fresh[3]{};
-    if (l == 0) {
-        // No label, no layer: descriptors with the image's size and no memory.
-        for (auto& a : fresh) a.extents = make_uint3(w, h, 0);
-    } else {
-        try {
-            for (auto& a : fresh) a = seg::deviceArray3D<float>(w, h, l);
-        } catch (...) {
-            for (auto& a : fresh) vela::freeArray(a);
-            throw;
-        }
+    // No label, no layer: descriptors with the image's size and no memory.
+    seg::ScopedArray<float, 3> fresh[3];
+    for (auto& a : fresh) {
+        if (l > 0) a.a = seg::deviceArray3D<float>(w, h, l);
+        a.a.extents = make_uint3(w, h, l);
     }
     // The object owns its solver arrays, so a rebuilt cost map replaces them.
     vela::freeArray(costMap);
     vela::freeArray(u);
     vela::freeArray(uResult);
-    costMap = fresh[0];
-    u = fresh[1];
-    uResult = fresh[2];
+    costMap = fresh[0].release();
+    u = fresh[1].release();
+    uResult = fresh[2].release();
     nLabels = labels;
 }

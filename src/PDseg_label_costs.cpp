@@ -83,8 +83,7 @@ dim3 gridFor(unsigned int w, unsigned int h) {
 template <class T>
 vela::Array<T, 2> onDevice(const vela::Array<T, 2>& a, seg::ScopedArray<T, 2>& staging) {
     if (a.device != vela::kHostDevice) return a;
-    staging.a = seg::deviceArray2D<T>(a.extents.x, a.extents.y);
-    vela::arrayCopy(staging.a, a);
+    staging = seg::deviceCopy(a);
     return staging.a;
 }
 
@@ -162,10 +161,8 @@ void PDseg::labelImageToCostMap(vela::Array<float4, 2>& labelImage) {
 
     allocateSolverArrays(w, h, labels, "PDseg::labelImageToCostMap()");
     labelColors = vela::Array<float4, 1>{};
-    if (labels > 0) {
-        labelColors = seg::deviceArray1D<float4>(static_cast<unsigned int>(labels));
-        vela::arrayCopy(labelColors, seg::hostView1D(colours.data(), static_cast<unsigned int>(labels)));
-    }
+    if (labels > 0)
+        labelColors = seg::deviceCopy(seg::hostView1D(colours.data(), static_cast<unsigned int>(labels))).release();
 
     const dim3 grid = gridFor(w, h), block(kBlock, kBlock);
     if (labelImage.device != vela::kHostDevice) {

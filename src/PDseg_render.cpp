@@ -87,8 +87,7 @@ void PDseg::computeColorRepresentation(vela::Array<float, 3>& labels, bool proje
     seg::ScopedArray<float, 3> copy;
     vela::Array<float, 3> source = labels;
     if (labelCount > 0 && (project || labels.device == vela::kHostDevice)) {
-        copy.a = seg::deviceArray3D<float>(labels.extents.x, labels.extents.y, labels.extents.z);
-        vela::arrayCopy(copy.a, labels);
+        copy = seg::deviceCopy(labels);
         source = copy.a;
         if (project) {
             seg::withLabelCapacity(labelCount, [&](auto capacity) {

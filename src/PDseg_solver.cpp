@@ -419,8 +419,7 @@ void PDseg::run() {
     requireSameSize("image and labelling", image, u);
 
     // Working arrays; released on every way out.
-    seg::ScopedArray<float4, 2> scaled(seg::deviceArray2D<float4>(W, H));
-    vela::arrayCopy(scaled.a, image);
+    seg::ScopedArray<float4, 2> scaled = seg::deviceCopy(image);
     auto scaled4 = vela::internal::increaseArrayDimension(scaled.a);
     vela::mul(scaled4, make_float4(kByteScale, kByteScale, kByteScale, kByteScale), nullptr);
     // The member keeps the weights after run(); a previous run's are replaced.

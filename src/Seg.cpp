@@ -48,12 +48,5 @@ std::vector<float4> seg::palette() {
 
 void Seg::build_colorCode() {
     std::vector<float4> palette = seg::palette();
-    vela::Array<float4, 1> table = seg::deviceArray1D<float4>(kPaletteSize);
-    try {
-        vela::arrayCopy(table, seg::hostView1D(palette.data(), kPaletteSize));
-    } catch (...) {
-        vela::freeArray(table);
-        throw;
-    }
-    colorCode = table;
+    colorCode = seg::deviceCopy(seg::hostView1D(palette.data(), kPaletteSize)).release();
 }

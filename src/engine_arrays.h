@@ -27,6 +27,16 @@ vela::Array<T, 1> deviceArray1D(unsigned int n) {
         vela::mallocDeviceArray<T>(make_uint4(n, 1, 1, 1), vela::PITCHED_LAYOUT));
 }
 
+// A new pitched device copy of `from` (host or device), owned.
+template <class T, int N>
+vela::ScopedArray<T, N> deviceCopy(const vela::Array<T, N>& from) {
+    const vela::Array<T, 4> f = vela::internal::increaseArrayDimension(from);
+    vela::ScopedArray<T, N> copy(vela::internal::decreaseArrayDimension<T, 4, N>(vela::mallocDeviceArray<T>(
+        make_uint4(f.extents.x, f.extents.y, f.extents.z, f.extents.w), vela::PITCHED_LAYOUT)));
+    vela::arrayCopy(copy.a, from);
+    return copy;
+}
+
 // Views n packed host elements as a 1-D array; the caller keeps the memory.
 template <class T>
 vela::Array<T, 1> hostView1D(T* p, unsigned int n) {

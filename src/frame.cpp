@@ -19,18 +19,16 @@ namespace {
 float colourTrust(float separability) { return std::fmin(1.0f, 2.0f * separability); }
 
 // The seeds the seed check keeps (settings.seedCheckRadius > 0), as a new
-// label image.
+// label image; `spread` is the image's colourSpread().
 vela::ScopedArray<float, 2> checkedSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
-                                         unsigned int n, const SegmentationSettings& settings) {
-    const float scale = walkerColourScale(image, settings.seedCheckBeta);
-    if (settings.seedCheckFit <= 0.0f)
-        return vela::ScopedArray<float, 2>(
-            checkSeeds(image, labels, n, settings.seedCheckRadius, settings.seedCheckShare, scale));
-    const ColourModel colours(image, labels, n);
-    vela::ScopedArray<float, 2> fit(seg::deviceArray2D<float>(labels.extents.x, labels.extents.y));
-    colours.seedFit(fit.a);
-    return vela::ScopedArray<float, 2>(checkSeeds(image, labels, n, settings.seedCheckRadius, settings.seedCheckShare,
-                                                  scale, fit.a, settings.seedCheckFit));
+                                         unsigned int n, const SegmentationSettings& settings, double spread) {
+    vela::ScopedArray<float, 2> fit;
+    if (settings.seedCheckFit > 0.0f) {
+        fit.a = seg::deviceArray2D<float>(labels.extents.x, labels.extents.y);
+        ColourModel(image, labels, n).seedFit(fit.a);
+    }
+    return checkSeeds(image, labels, n, settings.seedCheckRadius, settings.seedCheckShare,
+                      walkerColourScale(spread, settings.seedCheckBeta), fit.a, settings.seedCheckFit);
 }
 
 // lambda, lowered where a frame has only a few seeds (lambdaSeedDensity).
@@ -42,6 +40,15 @@ float frameLambda(const vela::Array<float, 2>& seeds, unsigned int n, const Segm
     return static_cast<float>(settings.lambda * std::sqrt(share / settings.lambdaSeedDensity));
 }
 
+// The bytes of a pitched W x H x L array of `element` bytes (rows padded as
+// the host backend pads them, as a GPU does), and the most one may take.
+unsigned long long arrayBytes(unsigned long long w, unsigned long long h, unsigned long long element,
+                              unsigned long long layers) {
+    const unsigned long long align = vela::device::kHostPitchAlignment;
+    return (w * element + align - 1) / align * align * h * layers;
+}
+constexpr unsigned long long kLargestArray = 0xffffffffull;
+
 }  // namespace
 
 FrameSolver::~FrameSolver() {
@@ -49,17 +56,17 @@ FrameSolver::~FrameSolver() {
     vela::freeArray(colorCode);
 }
 
+bool addressable(unsigned long long w, unsigned long long h, unsigned long long labels) {
+    return arrayBytes(w, h, sizeof(float2), labels) <= kLargestArray &&
+           arrayBytes(w, h, sizeof(float4), 1) <= kLargestArray;
+}
+
 void requireAddressable(unsigned long long w, unsigned long long h, unsigned long long labels) {
-    const unsigned long long align = vela::device::kHostPitchAlignment;
-    auto bytes = [&](unsigned long long element, unsigned long long layers) {
-        return (w * element + align - 1) / align * align * h * layers;
-    };
-    const unsigned long long limit = 0xffffffffull;
-    if (bytes(sizeof(float2), labels) <= limit && bytes(sizeof(float4), 1) <= limit) return;
-    throw FrameTooLarge("a " + std::to_string(w) + " x " + std::to_string(h) + " frame with " + std::to_string(labels) +
-                        " labels is too large: the engine addresses at most 4 GiB (" + std::to_string(limit) +
-                        " bytes) per array, and its W x H x L arrays would need " +
-                        std::to_string(bytes(sizeof(float2), labels)) + " bytes");
+    if (addressable(w, h, labels)) return;
+    throw std::length_error("a " + std::to_string(w) + " x " + std::to_string(h) + " frame with " +
+                            std::to_string(labels) + " labels is too large: the engine addresses at most 4 GiB (" +
+                            std::to_string(kLargestArray) + " bytes) per array, and its W x H x L arrays would need " +
+                            std::to_string(arrayBytes(w, h, sizeof(float2), labels)) + " bytes");
 }
 
 PreparedFrame prepareFrame(FrameSolver& seg, const FrameSeeds& seeds, const SegmentationSettings& settings,
@@ -67,19 +74,21 @@ PreparedFrame prepareFrame(FrameSolver& seg, const FrameSeeds& seeds, const Segm
     const unsigned int n = static_cast<unsigned int>(seeds.labelIds.size());
     const vela::Array<float, 2>& labels = seeds.labels;
     requireAddressable(labels.extents.x, labels.extents.y, n);
-    PreparedFrame prepared;
     video::Start start;
     if (settings.temporal == 1) start = video::startFrom(before, seg.image, seeds.labelIds, seeds.motion, settings);
-    prepared.continued = start.continued;
+    PreparedFrame prepared{start.continued, {}};
 
+    // The seed check and the walker read the colours' spread: reduced once.
+    const bool check = settings.seedCheckRadius > 0 && n > 0, walker = settings.dataTerm == DataTerm::WALKER;
+    const double spread = check || walker ? colourSpread(seg.image) : 0.0;
     vela::ScopedArray<float, 2> checked;
-    if (settings.seedCheckRadius > 0 && n > 0) checked = checkedSeeds(seg.image, labels, n, settings);
+    if (check) checked = checkedSeeds(seg.image, labels, n, settings, spread);
     vela::Array<float, 2> kept = checked.empty() ? labels : checked.a;
 
     applySolverSettings(seg, settings, n > 0 ? frameLambda(kept, n, settings) : settings.lambda);
     seg.labelsToCostMap(kept, static_cast<int>(n));
-    if (settings.dataTerm == DataTerm::WALKER)
-        prepared.walker = addWalkerCost(seg, kept, settings,
+    if (walker)
+        prepared.walker = addWalkerCost(seg, kept, settings, spread,
                                         WalkerStart{start.walker.empty() ? nullptr : &start.walker.a,
                                                     static_cast<unsigned int>(settings.temporalWalkerRadius),
                                                     start.changed.empty() ? nullptr : &start.changed.a});
@@ -110,8 +119,7 @@ video::Carry segmentFrame(FrameSolver& seg, const FrameSeeds& seeds, const Segme
     before = video::Carry{};
     solveFrame(seg);
     if (settings.temporal != 1) return {};
-    return video::keep(seg, seeds.labelIds, std::move(prepared.walker.probabilities), prepared.continued,
-                       prepared.walker.iterations);
+    return video::keep(seg, seeds.labelIds, std::move(prepared.walker), prepared.continued);
 }
 
 void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {
@@ -123,8 +131,6 @@ void setLabelColours(PDseg& seg, const std::vector<int>& labelIds) {
                                     std::to_string(palette.size() - 1) + ")");
         table.push_back(palette[id]);
     }
-    const unsigned int n = static_cast<unsigned int>(table.size());
     vela::freeArray(seg.labelColors);
-    seg.labelColors = seg::deviceArray1D<float4>(n);
-    vela::arrayCopy(seg.labelColors, seg::hostView1D(table.data(), n));
+    seg.labelColors = seg::deviceCopy(seg::hostView1D(table.data(), static_cast<unsigned int>(table.size()))).release();
 }

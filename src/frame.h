@@ -15,9 +15,8 @@
 // them to the end of the process, which a run of many frames cannot).
 class FrameSolver : public PDseg {
  public:
-    explicit FrameSolver(vela::Array<float4, 2>& image) : PDseg(image) {}
-    // Takes the cost map over, as PDseg does.
-    FrameSolver(vela::Array<float4, 2>& image, vela::Array<float, 3>& costMap) : PDseg(image, costMap) {}
+    // PDseg's constructors: on the image, or taking a cost map over.
+    using PDseg::PDseg;
     ~FrameSolver();
 };
 
@@ -31,14 +30,13 @@ struct FrameSeeds {
     std::vector<video::MotionPoint> motion = {};
 };
 
-// The engine addresses an array's elements with 32-bit byte strides: refuses a
-// frame of w x h pixels with `labels` labels whose largest array (the solver's
-// W x H x L dual field, or the W x H colour image) would not fit, before
-// anything is allocated.  Throws FrameTooLarge naming the frame size, the
-// label count and the limit.
-struct FrameTooLarge : std::length_error {
-    using std::length_error::length_error;
-};
+// The engine addresses an array's elements with 32-bit byte strides: whether
+// a frame of w x h pixels with `labels` labels has its largest arrays (the
+// solver's W x H x L dual field, the W x H colour image) within them.
+// requireAddressable() throws std::length_error naming the frame size, the
+// label count and the limit where not, for callers to refuse the frame before
+// anything is allocated.
+bool addressable(unsigned long long w, unsigned long long h, unsigned long long labels);
 void requireAddressable(unsigned long long w, unsigned long long h, unsigned long long labels);
 
 // Builds the frame's cost map from its seeds with the data terms the settings

@@ -92,10 +92,8 @@ int dumpCosts(const std::string& configPath, const std::string& trackPath, unsig
 
     // The frame loop's device image and label image.
     requireAddressable(w, h, labelIds.size());
-    vela::ScopedArray<float4, 2> image(seg::deviceArray2D<float4>(w, h));
-    vela::arrayCopy(image.a, host.a);
-    vela::ScopedArray<float, 2> labels(seg::deviceArray2D<float>(w, h));
-    vela::arrayCopy(labels.a, hostSeeds);
+    vela::ScopedArray<float4, 2> image = seg::deviceCopy(host.a);
+    const vela::ScopedArray<float, 2> labels = seg::deviceCopy(hostSeeds);
     frameSeeds.labels = labels.a;
 
     FrameSolver seg(image.a);

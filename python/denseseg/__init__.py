@@ -673,7 +673,7 @@ def iter_segment_video(frames, points, visible, track_labels, **settings):
     """
     unknown = sorted(set(settings) - set(_ENTRY_OF))
     if unknown:
-        raise TypeError(f"segment_video() got unexpected keyword arguments {unknown}")
+        raise TypeError(f"got unexpected keyword arguments {unknown}")
     entries = _entries({**_VIDEO_DEFAULTS, **settings})
     xy, seen, ids = _tracks(points, visible, track_labels)
     video = _core.Video(
@@ -682,6 +682,12 @@ def iter_segment_video(frames, points, visible, track_labels, **settings):
         np.ascontiguousarray(ids, dtype=np.int32),
         entries,
     )
+    return _segmented_frames(video, frames, xy.shape[0])
+
+
+def _segmented_frames(video, frames, rows: int):
+    # The generator behind iter_segment_video(), which checks its arguments
+    # when called rather than at the first frame.
     shape = None
     count = 0
     for t, frame in enumerate(frames):
@@ -690,14 +696,13 @@ def iter_segment_video(frames, points, visible, track_labels, **settings):
             shape = frame.shape
         elif frame.shape != shape:
             raise ValueError(f"frames must all have one size, the first's {shape[:2]}")
-        if t >= video.frames:
-            raise ValueError(f"points must hold one row per frame: more than {video.frames} frames, "
-                             f"{video.frames} rows")
+        if t >= rows:
+            raise ValueError(f"points must hold one row per frame: frame {t} has none ({rows} rows)")
         labels, _ = video.segment(frame, t)
         count = t + 1
         yield labels
-    if count and count != video.frames:
-        raise ValueError(f"points must hold one row per frame: {count} frames, {video.frames} rows")
+    if count and count != rows:
+        raise ValueError(f"points must hold one row per frame: {count} frames, {rows} rows")
 
 
 def refine(

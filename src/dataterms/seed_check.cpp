@@ -99,11 +99,9 @@ struct keepLastSeeds_kernel {
 // Host functions
 // ---------------------------------------------------------------------------
 
-namespace {
-
-vela::Array<float, 2> check(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
-                            unsigned int nLabels, int radius, float minShare, float colourScale,
-                            const vela::Array<float, 2>& fit, float minFit) {
+vela::ScopedArray<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
+                                       unsigned int nLabels, int radius, float minShare, float colourScale,
+                                       const vela::Array<float, 2>& fit, float minFit) {
     const unsigned int w = labels.extents.x, h = labels.extents.y;
     vela::ScopedArray<float, 2> checked(seg::deviceArray2D<float>(w, h));
     const dim3 block(kBlockX, kBlockY);
@@ -119,22 +117,7 @@ vela::Array<float, 2> check(const vela::Array<float4, 2>& image, const vela::Arr
         vela::device::launch<keepLastSeeds_kernel>(grid, block, nullptr, checked.a, labels, kept.a, nLabels);
         vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
     }
-    const vela::Array<float, 2> result = checked.a;
-    checked.a = vela::Array<float, 2>{};
-    return result;
-}
-
-}  // namespace
-
-vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
-                                 unsigned int nLabels, int radius, float minShare, float colourScale) {
-    return check(image, labels, nLabels, radius, minShare, colourScale, vela::Array<float, 2>{}, 0.0f);
-}
-
-vela::Array<float, 2> checkSeeds(const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
-                                 unsigned int nLabels, int radius, float minShare, float colourScale,
-                                 const vela::Array<float, 2>& fit, float minFit) {
-    return check(image, labels, nLabels, radius, minShare, colourScale, fit, minFit);
+    return checked;
 }
 
 unsigned long long countSeeds(const vela::Array<float, 2>& labels, unsigned int nLabels) {

@@ -333,10 +333,7 @@ class WalkerSteps {
             else
                 hostSpans_.push_back(make_uint3(segment.x, end, segment.y));
         }
-        if (n > 0) {
-            segments_.emplace(seg::deviceArray1D<uint2>(n));
-            vela::arrayCopy(segments_->a, seg::hostView1D(segments.data(), n));
-        }
+        if (n > 0) segments_.emplace(seg::deviceCopy(seg::hostView1D(segments.data(), n)));
         segmentGrid_ = dim3(vela::device::blocksFor(n, kSegmentRows), 1, grid_.z);
         segmentSums_.emplace(segmentGrid_, 2);
         return sums;
@@ -469,19 +466,21 @@ std::vector<uint2> activeSegments(const vela::Array<float2, 2>& diagonal) {
 
 }  // namespace
 
-float walkerColourScale(const vela::Array<float4, 2>& image, float beta) {
+double colourSpread(const vela::Array<float4, 2>& image) {
     const LabelSums sums = labelSums(seg::pixelSums(ImageMoments{image}, image.extents.x, image.extents.y));
     const double values = 3.0 * image.extents.x * image.extents.y;
     const double mean = sums.first[0] / values;
-    const double variance = std::max(0.0, sums.second[0] / values - mean * mean);
-    const double sd = std::sqrt(variance);
+    return std::sqrt(std::max(0.0, sums.second[0] / values - mean * mean));
+}
+
+float walkerColourScale(double spread, float beta) {
     // A flat image has no edges to respect: all weights equal.
-    if (sd < 1e-12) return 0.0f;
-    return static_cast<float>(-beta / (10.0 * sd * std::sqrt(3.0)));
+    if (spread < 1e-12) return 0.0f;
+    return static_cast<float>(-beta / (10.0 * spread * std::sqrt(3.0)));
 }
 
 WalkerSolve addWalkerCost(PDseg& seg, const vela::Array<float, 2>& labels, const SegmentationSettings& settings,
-                          const WalkerStart& start) {
+                          double spread, const WalkerStart& start) {
     const unsigned int w = seg.costMap.extents.x, h = seg.costMap.extents.y;
     const unsigned int nLabels = seg.costMap.extents.z;
     if (seg.nLabels < 1 || w == 0 || h == 0) return {};
@@ -494,7 +493,7 @@ WalkerSolve addWalkerCost(PDseg& seg, const vela::Array<float, 2>& labels, const
     const dim3 pixels(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
     vela::ScopedArray<float2, 2> weights(seg::deviceArray2D<float2>(w, h));
     vela::ScopedArray<float2, 2> diagonal(seg::deviceArray2D<float2>(w, h));
-    const float scale = walkerColourScale(seg.image, settings.walkerBeta);
+    const float scale = walkerColourScale(spread, settings.walkerBeta);
     vela::device::launch<walkerWeights_kernel>(pixels, block, nullptr, weights.a, diagonal.a, seg.image, labels,
                                                nLabels, scale);
     check(__LINE__);

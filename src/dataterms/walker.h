@@ -29,11 +29,15 @@ struct WalkerSolve {
 };
 
 // Adds settings.dataWeight * -ln(p_l + 0.001) / -ln(0.001) to layer l of
-// seg.costMap, p_l being the walker probability of label l at each pixel.
+// seg.costMap, p_l being the walker probability of label l at each pixel;
+// `spread` is colourSpread(seg.image).
 WalkerSolve addWalkerCost(PDseg& seg, const vela::Array<float, 2>& labels, const SegmentationSettings& settings,
-                          const WalkerStart& start = {});
+                          double spread, const WalkerStart& start = {});
+
+// The standard deviation of all channel values of the image (0 to 255).
+double colourSpread(const vela::Array<float4, 2>& image);
 
 // The factor k of the edge weights exp(k * d) + 1e-6, d the squared colour
-// distance with channels in [0, 1]: -beta / (10 * sd * sqrt(3)), sd the
-// standard deviation of all channel values of the image; 0 for a flat image.
-float walkerColourScale(const vela::Array<float4, 2>& image, float beta);
+// distance with channels in [0, 1]: -beta / (10 * spread * sqrt(3)), spread
+// the image's colourSpread(); 0 for a flat image.
+float walkerColourScale(double spread, float beta);

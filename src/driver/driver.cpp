@@ -34,11 +34,6 @@ namespace {
 
 const cudaStream_t kDefaultStream = nullptr;
 
-template <class T, int M>
-vela::Array<T, M> narrow(const vela::Array<T, 4>& a) {
-    return vela::internal::decreaseArrayDimension<T, 4, M>(a);
-}
-
 // The file name after the last "/".
 std::string baseName(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -87,7 +82,7 @@ void saveImageInPlace(const vela::Array<float, 3>& image, const std::string& pat
 // and saves it.
 void saveRendering(const vela::Array<float4, 2>& rendering, const std::string& path) {
     const uint4 extents = make_uint4(rendering.extents.x, rendering.extents.y, 3, 1);
-    vela::ScopedArray<float, 3> planes(narrow<float, 3>(
+    vela::ScopedArray<float, 3> planes(vela::internal::decreaseArrayDimension<float, 4, 3>(
         rendering.device == vela::kHostDevice ? vela::mallocHostArray<float>(extents, vela::LINEAR_LAYOUT)
                                               : vela::mallocDeviceArray<float>(extents, vela::PITCHED_LAYOUT)));
     vela::convert(planes.a, rendering, kDefaultStream);
@@ -136,19 +131,15 @@ bool paletteHolds(const std::vector<int>& labelIds, unsigned int frame) {
 void requireFramesAddressable(const TrackFile& tracks, unsigned int first, std::size_t count, unsigned int w,
                               unsigned int h) {
     requireAddressable(w, h, 1);
-    try {
-        requireAddressable(w, h, kTrackLabelLimit);
-        return;
-    } catch (const FrameTooLarge&) {
-    }
-    if (tracks.tracks().empty()) return;  // a file not held gives no labels
+    // A file not held gives no labels.
+    if (addressable(w, h, kTrackLabelLimit) || tracks.tracks().empty()) return;
     std::vector<float> values(static_cast<std::size_t>(w) * h);
     vela::Array<float, 2> labels = vela::arrayFromHostMemory(values.data(), make_uint2(w, h));
     for (unsigned int f = first; f < first + count; ++f) {
         std::fill(values.begin(), values.end(), -1.0f);
         std::vector<int> ids;
-        const int labelCount = tracks.frame(f, static_cast<int>(w), static_cast<int>(h), labels, ids);
-        if (labelCount > 0) requireAddressable(w, h, static_cast<unsigned int>(labelCount));
+        tracks.frame(f, static_cast<int>(w), static_cast<int>(h), labels, ids);
+        requireAddressable(w, h, ids.size());
     }
 }
 
@@ -178,23 +169,96 @@ bool makeResultFolder(const std::string& folder) {
     return true;
 }
 
+// Segments one frame: the track points of `frame` give the sparse labels on
+// the device image `image`; writes outputStem + "_dense.ppm" and
+// outputStem + "_overlay.ppm", and the results `outputs` asks for.  A frame
+// without usable track points writes nothing.  Each label keeps its palette
+// colour in every frame.  With "temporal 1" the frame starts from `carry`,
+// what the frame before handed on along the tracks' motion, and leaves there
+// what the next frame needs; a frame without usable points empties it.
+void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
+                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
+                  video::Carry& carry) {
+    const unsigned int w = image.extents.x, h = image.extents.y;
+    std::vector<float> seedValues(static_cast<std::size_t>(w) * h, -1.0f);
+    vela::Array<float, 2> hostLabels = vela::arrayFromHostMemory(seedValues.data(), make_uint2(w, h));
+    FrameSeeds seeds;
+    const int numLabels = tracks.frame(frame, static_cast<int>(w), static_cast<int>(h), hostLabels, seeds.labelIds);
+    if (numLabels > 0) {
+        std::cout << "processing " << frame << "th frame: " << outputStem << std::endl;
+        std::cout << "number of different labels in this frame: " << numLabels << std::endl;
+    }
+    // A frame without usable points, or one skipped, ends what a video carries.
+    if (numLabels < 1 || !paletteHolds(seeds.labelIds, frame)) {
+        carry = {};
+        return;
+    }
+    const vela::ScopedArray<float, 2> labels = seg::deviceCopy(hostLabels);
+    seeds.labels = labels.a;
+    if (settings.temporal == 1)
+        seeds.motion = motionOfTracks(tracks.tracks(), frame, static_cast<int>(w), static_cast<int>(h));
+
+    FrameSolver seg(image);
+    setLabelColours(seg, seeds.labelIds);
+    carry = segmentFrame(seg, seeds, settings, std::move(carry));
+    vela::timer::printToScreen("", 6, 0, true);
+    if (settings.temporal == 1)
+        std::cout << (carry.continued ? "started from the frame before" : "started afresh")
+                  << "; walker iterations: " << carry.walkerIterations << std::endl;
+    // With a tolerance the iteration count varies from frame to frame.
+    if (settings.solverTolerance > 0.0f)
+        std::cout << "solver iterations: " << seg.iterationsDone << " of " << seg.nIterations << std::endl;
+
+    seg.computeColorRepresentation(seg.u, true, false);
+    saveRendering(seg.colorImage, outputStem + "_dense.ppm");
+    saveRendering(seg.getColorImageOverlay(0.4f), outputStem + "_overlay.ppm");
+    if (outputs.labels) {
+        std::vector<float4> palette = seg::palette();
+        const vela::Array<float4, 1> table = seg::hostView1D(palette.data(), static_cast<unsigned int>(palette.size()));
+        writeInPlace(outputStem + "_labels.png", [&](const std::string& partial) {
+            png_file::writePalette(static_cast<int>(w), static_cast<int>(h), labelNumbers(seg.u, seeds.labelIds),
+                                   paletteBytes(table), partial);
+        });
+    }
+}
+
+// Segments the images `files` in order, image i as frame firstFrame + i of
+// the track file, into the result stems `stems`.  The track file is read once
+// for every frame; in temporal mode its tracks also give the motion from frame
+// to frame (none where the file cannot be held: its frames report it as
+// before).  All images must have the first one's size.
+int segmentImages(const std::vector<std::string>& files, const std::vector<std::string>& stems, unsigned int firstFrame,
+                  const std::string& trackPath, const SegmentationSettings& settings, const FrameOutputs& outputs) {
+    vela::ScopedArray<float4, 2> host(loadColorImage(files[0]));
+    const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
+    const TrackFile trackFile(trackPath);
+    requireFramesAddressable(trackFile, firstFrame, files.size(), size.x, size.y);
+    vela::ScopedArray<float4, 2> image = seg::deviceCopy(host.a);
+    video::Carry carry;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        if (i > 0) {
+            host = vela::ScopedArray<float4, 2>(loadColorImage(files[i]));
+            if (host.a.extents.x != size.x || host.a.extents.y != size.y) {
+                std::cerr << "denseseg: image " << files[i] << " is " << host.a.extents.x << " x " << host.a.extents.y
+                          << " pixels, but the first image of the folder, " << files[0] << ", is " << size.x << " x "
+                          << size.y << "; all images of a folder must have the same size" << std::endl;
+                return 1;
+            }
+            vela::arrayCopy(image.a, host.a);
+        }
+        processFrame(stems[i], image.a, trackFile, firstFrame + static_cast<unsigned int>(i), settings, outputs, carry);
+    }
+    return 0;
+}
+
 int singleFrame(const std::string& imagePath, const std::string& trackPath, unsigned int frame,
                 const std::string& outputStem, const std::vector<std::string>& inputs,
                 const SegmentationSettings& settings, const FrameOutputs& outputs) {
     if (!outputsAreFree(outputStem, inputs, outputs)) return 1;
-    vela::ScopedArray<float4, 2> host(loadColorImage(imagePath));
-    const TrackFile tracks(trackPath);
-    const unsigned int w = host.a.extents.x, h = host.a.extents.y;
-    requireFramesAddressable(tracks, frame, 1, w, h);
-    vela::ScopedArray<float4, 2> image(
-        narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
-    vela::arrayCopy(image.a, host.a);
     // One frame has no frame before it.
     SegmentationSettings alone = settings;
     alone.temporal = 0;
-    video::Carry none;
-    processFrame(outputStem, image.a, tracks, frame, alone, outputs, none);
-    return 0;
+    return segmentImages({imagePath}, {outputStem}, frame, trackPath, alone, outputs);
 }
 
 int wholeFolder(const std::string& imagePath, const std::string& trackPath, const std::string& resultFolder,
@@ -213,31 +277,8 @@ int wholeFolder(const std::string& imagePath, const std::string& trackPath, cons
         stems.push_back(resultFolder + utility::getDFE(file)[1]);
         if (!outputsAreFree(stems.back(), inputs, outputs)) return 1;
     }
-
-    vela::ScopedArray<float4, 2> host(loadColorImage(files[0]));
-    const uint2 size = make_uint2(host.a.extents.x, host.a.extents.y);
-    // The track file is read once for every frame; in temporal mode its
-    // tracks also give the motion from frame to frame (none where the file
-    // cannot be held: its frames report it as before).
-    const TrackFile trackFile(trackPath);
-    requireFramesAddressable(trackFile, 0, files.size(), size.x, size.y);
-    vela::ScopedArray<float4, 2> image(
-        narrow<float4, 2>(vela::mallocDeviceArray<float4>(make_uint4(size.x, size.y, 1, 1), vela::PITCHED_LAYOUT)));
-    video::Carry carry;
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        if (i > 0) {
-            host = vela::ScopedArray<float4, 2>(loadColorImage(files[i]));
-            if (host.a.extents.x != size.x || host.a.extents.y != size.y) {
-                std::cerr << "denseseg: image " << files[i] << " is " << host.a.extents.x << " x " << host.a.extents.y
-                          << " pixels, but the first image of the folder, " << files[0] << ", is " << size.x << " x "
-                          << size.y << "; all images of a folder must have the same size" << std::endl;
-                return 1;
-            }
-        }
-        vela::arrayCopy(image.a, host.a);
-        processFrame(stems[i], image.a, trackFile, static_cast<unsigned int>(i), settings, outputs, carry);
-    }
-    return exportTracks(resultFolder, trackPath, inputs);
+    const int status = segmentImages(files, stems, 0, trackPath, settings, outputs);
+    return status != 0 ? status : exportTracks(resultFolder, trackPath, inputs);
 }
 
 int run(int argc, char** argv) {
@@ -290,65 +331,12 @@ vela::Array<float4, 2> loadColorImage(const std::string& path) {
         throw std::runtime_error("image " + path + " is not a colour image");
     const vela::Array<float, 3> planes = vela::arrayFromHostMemory(tensor.data, static_cast<unsigned int>(tensor.xSize),
                                                                    static_cast<unsigned int>(tensor.ySize), 3u);
-    vela::Array<float4, 2> image = narrow<float4, 2>(vela::mallocHostArray<float4>(
-        make_uint4(static_cast<unsigned int>(tensor.xSize), static_cast<unsigned int>(tensor.ySize), 1, 1),
-        vela::LINEAR_LAYOUT));
-    try {
-        vela::convert(image, planes, 1.0f, kDefaultStream);
-    } catch (...) {
-        vela::freeArray(image);
-        throw;
-    }
-    return image;
-}
-
-void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
-                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
-                  video::Carry& carry) {
-    const unsigned int w = image.extents.x, h = image.extents.y;
-    std::vector<float> seedValues(static_cast<std::size_t>(w) * h, -1.0f);
-    vela::Array<float, 2> hostLabels = vela::arrayFromHostMemory(seedValues.data(), make_uint2(w, h));
-    FrameSeeds seeds;
-    const int numLabels = tracks.frame(frame, static_cast<int>(w), static_cast<int>(h), hostLabels, seeds.labelIds);
-    if (numLabels < 1) {
-        carry = {};
-        return;
-    }
-    std::cout << "processing " << frame << "th frame: " << outputStem << std::endl;
-    std::cout << "number of different labels in this frame: " << numLabels << std::endl;
-    if (!paletteHolds(seeds.labelIds, frame)) {
-        carry = {};
-        return;
-    }
-    vela::ScopedArray<float, 2> labels(
-        narrow<float, 2>(vela::mallocDeviceArray<float>(make_uint4(w, h, 1, 1), vela::PITCHED_LAYOUT)));
-    vela::arrayCopy(labels.a, hostLabels);
-    seeds.labels = labels.a;
-    if (settings.temporal == 1)
-        seeds.motion = motionOfTracks(tracks.tracks(), frame, static_cast<int>(w), static_cast<int>(h));
-
-    FrameSolver seg(image);
-    setLabelColours(seg, seeds.labelIds);
-    carry = segmentFrame(seg, seeds, settings, std::move(carry));
-    vela::timer::printToScreen("", 6, 0, true);
-    if (settings.temporal == 1)
-        std::cout << (carry.continued ? "started from the frame before" : "started afresh")
-                  << "; walker iterations: " << carry.walkerIterations << std::endl;
-    // With a tolerance the iteration count varies from frame to frame.
-    if (settings.solverTolerance > 0.0f)
-        std::cout << "solver iterations: " << seg.iterationsDone << " of " << seg.nIterations << std::endl;
-
-    seg.computeColorRepresentation(seg.u, true, false);
-    saveRendering(seg.colorImage, outputStem + "_dense.ppm");
-    saveRendering(seg.getColorImageOverlay(0.4f), outputStem + "_overlay.ppm");
-    if (outputs.labels) {
-        std::vector<float4> palette = seg::palette();
-        const vela::Array<float4, 1> table = seg::hostView1D(palette.data(), static_cast<unsigned int>(palette.size()));
-        writeInPlace(outputStem + "_labels.png", [&](const std::string& partial) {
-            png_file::writePalette(static_cast<int>(w), static_cast<int>(h), labelNumbers(seg.u, seeds.labelIds),
-                                   paletteBytes(table), partial);
-        });
-    }
+    vela::ScopedArray<float4, 2> image(
+        vela::internal::decreaseArrayDimension<float4, 4, 2>(vela::mallocHostArray<float4>(
+            make_uint4(static_cast<unsigned int>(tensor.xSize), static_cast<unsigned int>(tensor.ySize), 1, 1),
+            vela::LINEAR_LAYOUT)));
+    vela::convert(image.a, planes, 1.0f, kDefaultStream);
+    return image.release();
 }
 
 int exportTracks(const std::string& resultFolder, const std::string& trackPath,

@@ -13,7 +13,6 @@
 
 #include "src/driver/tracks.h"
 #include "src/settings.h"
-#include "src/video/temporal.h"
 #include "vela/tools.h"
 
 // Reads a colour image file (PPM, PNG or JPEG) into a new host array of float4 pixels,
@@ -27,17 +26,6 @@ struct FrameOutputs {
     // of every pixel as an 8-bit palette PNG in the palette's colours.
     bool labels = false;
 };
-
-// Segments one frame: the track points of `frame` give the sparse labels on
-// the device image `image`; writes outputStem + "_dense.ppm" and
-// outputStem + "_overlay.ppm", and the results `outputs` asks for.  A frame
-// without usable track points writes nothing.  Each label keeps its palette
-// colour in every frame.  With "temporal 1" the frame starts from `carry`,
-// what the frame before handed on along the tracks' motion, and leaves there
-// what the next frame needs; a frame without usable points empties it.
-void processFrame(const std::string& outputStem, vela::Array<float4, 2>& image, const TrackFile& tracks,
-                  unsigned int frame, const SegmentationSettings& settings, const FrameOutputs& outputs,
-                  video::Carry& carry);
 
 // Turns every "*dense*.ppm" of `resultFolder` (which ends with "/") into one
 // track file named like `trackPath` in that folder: one track of length 1 per

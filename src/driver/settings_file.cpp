@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <sstream>
-#include <type_traits>
 
 namespace {
 
@@ -75,34 +74,25 @@ bool readWordKey(ConfigMap& config, const SettingKey& entry, Enum& value, std::s
 }
 
 bool readKey(ConfigMap& config, const SettingKey& entry, SegmentationSettings& s, std::string& error) {
-    return std::visit(
-        [&](auto member) {
-            auto& value = s.*member;
-            using Value = std::remove_reference_t<decltype(value)>;
-            if constexpr (std::is_same_v<Value, int>) {
-                if (!entry.unchecked)
-                    return readIntKey(config, entry.key, static_cast<int>(entry.min), static_cast<int>(entry.max),
-                                      value, error);
-                value = config[entry.key].intValue();
-            } else if constexpr (std::is_same_v<Value, float>) {
-                if (!entry.unchecked)
-                    return readFloatKey(config, entry.key, static_cast<float>(entry.min), static_cast<float>(entry.max),
-                                        value, error);
-                value = config[entry.key].floatValue();
-            } else {
-                return readWordKey(config, entry, value, error);
-            }
-            return true;
-        },
-        entry.member);
+    using S = SegmentationSettings;
+    if (const auto* m = std::get_if<int S::*>(&entry.member))
+        return readIntKey(config, entry.key, static_cast<int>(entry.min), static_cast<int>(entry.max), s.**m, error);
+    if (const auto* m = std::get_if<float S::*>(&entry.member))
+        return readFloatKey(config, entry.key, static_cast<float>(entry.min), static_cast<float>(entry.max), s.**m,
+                            error);
+    if (const auto* m = std::get_if<DataTerm S::*>(&entry.member)) return readWordKey(config, entry, s.**m, error);
+    return readWordKey(config, entry, s.*std::get<EdgeWeights S::*>(entry.member), error);
 }
 
 }  // namespace
 
 bool readSegmentationSettings(ConfigMap& config, SegmentationSettings& settings, std::string& error) {
     SegmentationSettings s;
+    // As they always were read: unchecked, whatever the type letter.
+    s.lambda = config["lambda"].floatValue();
+    s.maxiter = config["maxiter"].intValue();
     for (const SettingKey& entry : settingKeys())
-        if (!readKey(config, entry, s, error)) return false;
+        if (!entry.unchecked && !readKey(config, entry, s, error)) return false;
     if (s.edgeWeights == EdgeWeights::CONTRAST && s.model != 1)
         return refuse(config["edgeWeights"], "\"s edgeWeights contrast\" with model 1 (\"i model 1\")", error);
     settings = s;

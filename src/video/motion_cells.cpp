@@ -92,8 +92,8 @@ TrackMotion::TrackMotion(unsigned int w, unsigned int h, const std::vector<Motio
     const unsigned int n = static_cast<unsigned int>(packed.size());
     vela::ScopedArray<float4, 1> devicePoints(seg::deviceArray1D<float4>(n));
     if (n > 0) vela::arrayCopy(devicePoints.a, seg::hostView1D(packed.data(), n));
-    vela::ScopedArray<int, 2> deviceFirst(seg::deviceArray2D<int>(ch + 1, groups + 1));
-    vela::arrayCopy(deviceFirst.a, vela::arrayFromHostMemory(first.data(), make_uint2(ch + 1, groups + 1)));
+    const vela::ScopedArray<int, 2> deviceFirst =
+        seg::deviceCopy(vela::arrayFromHostMemory(first.data(), make_uint2(ch + 1, groups + 1)));
     cells_.a = seg::deviceArray3D<float4>(cw, ch, groups + 1);
     const dim3 grid(vela::device::blocksFor(cw, kBlockX), vela::device::blocksFor(ch, kBlockY), groups + 1);
     vela::device::launch<cellMotion_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cells_.a, devicePoints.a,

@@ -117,8 +117,7 @@ void addMotionCost(Array<float, 3>& cost, const TrackMotion& tracks, const std::
     if (labelIds.size() != n) throw std::runtime_error("video::addMotionCost: one track label per layer");
     if (w == 0 || h == 0 || n == 0 || weight == 0.0f) return;
     std::vector<int> layers = tracks.layersOf(labelIds);
-    vela::ScopedArray<int, 1> layerOf(seg::deviceArray1D<int>(n));
-    vela::arrayCopy(layerOf.a, seg::hostView1D(layers.data(), n));
+    const vela::ScopedArray<int, 1> layerOf = seg::deviceCopy(seg::hostView1D(layers.data(), n));
     const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
     vela::device::launch<motionCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, tracks.cells(), layerOf.a,
                                             image, previousImage, labels, weight);

@@ -49,16 +49,6 @@ bool sameExtents(const Array<T, N>& a, unsigned int w, unsigned int h, unsigned 
     return a.data != nullptr && a4.extents.x == w && a4.extents.y == h && a4.extents.z == l;
 }
 
-// A device copy of `from`.
-template <class T, int N>
-vela::ScopedArray<T, N> copyOf(const Array<T, N>& from) {
-    const vela::Array<T, 4> f = vela::internal::increaseArrayDimension(from);
-    vela::ScopedArray<T, N> copy(vela::internal::decreaseArrayDimension<T, 4, N>(
-        vela::mallocDeviceArray<T>(make_uint4(f.extents.x, f.extents.y, f.extents.z, 1), vela::PITCHED_LAYOUT)));
-    vela::arrayCopy(copy.a, from);
-    return copy;
-}
-
 }  // namespace
 
 Start startFrom(const Carry& before, const vela::Array<float4, 2>& image, const std::vector<int>& labelIds,
@@ -120,16 +110,15 @@ void addVideoCosts(vela::Array<float, 3>& cost, const Start& start, const Carry&
     }
 }
 
-Carry keep(PDseg& seg, const std::vector<int>& labelIds, vela::ScopedArray<float, 3> walker, bool continued,
-           int walkerIterations) {
+Carry keep(PDseg& seg, const std::vector<int>& labelIds, WalkerSolve walker, bool continued) {
     Carry next;
-    next.image = copyOf(seg.image);
-    next.relaxed = copyOf(seg.uResult);
+    next.image = seg::deviceCopy(seg.image);
+    next.relaxed = seg::deviceCopy(seg.uResult);
+    next.walker = std::move(walker.probabilities);
     next.dual = std::move(seg.dual);
-    next.walker = std::move(walker);
     next.labelIds = labelIds;
     next.continued = continued;
-    next.walkerIterations = walkerIterations;
+    next.walkerIterations = walker.iterations;
     return next;
 }
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "src/PDseg.h"
+#include "src/dataterms/walker.h"
 #include "src/settings.h"
 #include "src/video/motion.h"
 #include "src/video/motion_cells.h"
@@ -69,8 +70,8 @@ void addVideoCosts(vela::Array<float, 3>& cost, const Start& start, const Carry&
                    const vela::Array<float4, 2>& image, const vela::Array<float, 2>& labels,
                    const std::vector<int>& labelIds, const SegmentationSettings& settings);
 
-// After the solve: what the next frame needs from this one.
-Carry keep(PDseg& seg, const std::vector<int>& labelIds, vela::ScopedArray<float, 3> walker, bool continued,
-           int walkerIterations);
+// After the solve: what the next frame needs from this one, `walker` its
+// walker's solve and `continued` whether it started from the frame before.
+Carry keep(PDseg& seg, const std::vector<int>& labelIds, WalkerSolve walker, bool continued);
 
 }  // namespace video

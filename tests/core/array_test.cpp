@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "tests/support/message_of.h"
 #include "vela/device/runtime.h"
@@ -150,6 +151,24 @@ TEST(Wrapping, HostMemoryIsViewedPackedAndNotCopied) {
     auto b = vela::arrayFromHostMemory(planes, make_uint2(6, 4));
     EXPECT_EQ(b.strides.y, 24u);
     EXPECT_EQ(b.extents.y, 4u);
+}
+
+// A hand-off moves the one owner: the array moved from is empty, an owner
+// given another array releases its own first, and release() gives it up.
+// (Under the sanitizers a double release or a leak fails here.)
+TEST(ScopedArray, MovesHandOverTheOneOwner) {
+    vela::ScopedArray<float, 2> a(vela::mallocDeviceArray<float>(make_uint2(8, 2), vela::PITCHED_LAYOUT));
+    float* data = a.a.data;
+    vela::ScopedArray<float, 2> b(std::move(a));
+    EXPECT_TRUE(a.empty());
+    EXPECT_EQ(b.a.data, data);
+    vela::ScopedArray<float, 2> c(vela::mallocDeviceArray<float>(make_uint2(4, 2), vela::PITCHED_LAYOUT));
+    c = std::move(b);
+    EXPECT_TRUE(b.empty());
+    EXPECT_EQ(c.a.data, data);
+    Array<float, 2> given = c.release();
+    EXPECT_TRUE(c.empty());
+    vela::freeArray(given);
 }
 
 }  // namespace

@@ -322,6 +322,26 @@ TEST_F(Sequence, FailuresEndTheRunBeforeAnythingIsWrittenOverOrOfAnotherSize) {
     EXPECT_FALSE(fs::exists(folder / "data/f1_dense.ppm"));
 }
 
+// Strides are 32-bit: a 2400 x 2300 frame with 100 labels needs a 4.5 GB dual
+// field.  Both modes refuse it before any device array exists and write nothing.
+TEST_F(Sequence, AFrameTheEngineCannotAddressIsRefusedBeforeAnythingIsWritten) {
+    const int w = 2400, h = 2300;
+    folder.write("big/frame.ppm", "P6\n" + std::to_string(w) + " " + std::to_string(h) + "\n255\n" +
+                                      std::string(static_cast<std::size_t>(w) * h * 3, '\x40'));
+    std::string tracks = "1 100\n";
+    for (int label = 0; label < 100; ++label)
+        tracks += std::to_string(label) + " 1\n" + std::to_string(10 + 20 * label) + ".5 100.5 0\n";
+    folder.write("tracks/big.dat", tracks);
+    folder.write("big.cfg", "s dataDir big\ns tracksDir tracks\ns resultDir out\nf lambda 5\ni maxiter 10\n");
+    for (const char* index : {"0", "-1"}) {
+        const Output run = runProgram(folder.str(), {"big.cfg", "frame.ppm", "big.dat", index, "big"});
+        EXPECT_EQ(run.status, 1) << index;
+        EXPECT_NE(run.err.find("a 2400 x 2300 frame with 100 labels is too large"), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find("at most 4 GiB (4294967295 bytes) per array"), std::string::npos) << run.err;
+        EXPECT_EQ(namesIn(folder / "out/big"), Names{}) << index;
+    }
+}
+
 // --- PNG and JPEG frames, label maps ------------------------------------------
 
 // The frame of halves() as 8-bit RGB.

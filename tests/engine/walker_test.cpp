@@ -119,7 +119,7 @@ std::vector<float> walkerCostMap(const Frame& f, unsigned int nLabels, const Seg
     ScopedPDseg s(image.a);
     s.labelsToCostMap(labels.a, static_cast<int>(nLabels));
     if (settings.dataTerm == DataTerm::WALKER) {
-        WalkerSolve result = addWalkerCost(s, labels.a, settings, start);
+        WalkerSolve result = addWalkerCost(s, labels.a, settings, colourSpread(image.a), start);
         if (solve) *solve = std::move(result);
     }
     return download(s.costMap);

@@ -212,6 +212,15 @@ def test_definition_holds_the_engines_own_defaults():
     np.testing.assert_array_equal(relaxed, same_relaxed)
 
 
+def test_a_frame_the_engine_cannot_address_is_refused():
+    # Strides are 32-bit: 100 labels of a 2400 x 2300 frame need a 4.5 GB dual field.
+    image = np.zeros((2300, 2400, 3), np.uint8)
+    seeds = np.full(image.shape[:2], -1, np.int32)
+    seeds[0, 0] = 0
+    with pytest.raises(ValueError, match=r"a 2400 x 2300 frame with 100 labels is too large.*at most 4 GiB"):
+        denseseg.segment(image, seeds, num_labels=100)
+
+
 def test_image_types_give_the_same_labels():
     image, regions = textured_frame(24, 32)
     seeds = np.where(np.random.default_rng(1).random(regions.shape) < 0.05, regions, -1)

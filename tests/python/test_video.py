@@ -78,6 +78,23 @@ def test_equals_the_programs_whole_folder_run(tmp_path, program, temporal):
             np.testing.assert_array_equal(labels[t], np.array(label_ids)[one])
 
 
+def test_frames_may_come_from_a_generator_one_at_a_time():
+    frames, _, xy, visible, track_labels = moving_video(np.random.default_rng(2))
+    read = []
+
+    def reader():
+        for t, frame in enumerate(frames):
+            read.append(t)
+            yield frame
+
+    whole = denseseg.segment_video(frames, xy, visible, track_labels)
+    for t, labels in enumerate(denseseg.iter_segment_video(reader(), xy, visible, track_labels)):
+        assert read == list(range(t + 1))  # no frame is read ahead
+        np.testing.assert_array_equal(labels, whole[t])
+    assert len(read) == FRAMES
+    np.testing.assert_array_equal(denseseg.segment_video(reader(), xy, visible, track_labels), whole)
+
+
 def test_refuses_what_it_cannot_segment():
     frames, _, xy, visible, track_labels = moving_video(np.random.default_rng(2))
     with pytest.raises(ValueError, match="one row per frame"):
