@@ -3,7 +3,6 @@
 // package all segment a frame through segmentFrame() (or its two halves).
 #pragma once
 
-#include <stdexcept>
 #include <vector>
 
 #include "src/PDseg.h"
@@ -42,8 +41,8 @@ void requireAddressable(unsigned long long w, unsigned long long h, unsigned lon
 // Builds the frame's cost map from its seeds with the data terms the settings
 // choose, and in a video the costs of what `before` carries (src/video/
 // temporal.h), and sets every solver parameter: seg is then ready to run().
-// Returns what the frame took from the one before and the walker's solve, for
-// keepFrame().
+// Returns whether the frame started from the one before and the walker's
+// solve, which video::keep() hands on.
 struct PreparedFrame {
     bool continued = false;
     WalkerSolve walker;

@@ -1,5 +1,5 @@
-// The settings of one frame: every optional configuration key, as values the
-// engine takes (const) and never patches.  The defaults are the members'
+// The settings of one frame: every configuration key the engine reads, as
+// values it takes (const) and never patches.  The defaults are the members'
 // initialisers; settingKeys() lists every key with its range, for the
 // program's configuration reader and the Python package alike.
 #pragma once

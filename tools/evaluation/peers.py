@@ -8,7 +8,7 @@ solver's weight lambda), minimised with another energy.
                  pydensecrf2) with a Gaussian and a bilateral pairwise term
 
 Each peer's time per frame is the data term's seconds (as dump_costs measures
-prepareSegmentation) plus the seconds of its own call.  The packages are
+prepareFrame) plus the seconds of its own call.  The packages are
 imported only when a peer runs; have_peer() says whether one can.
 """
 
