@@ -74,6 +74,10 @@ class PDseg : public ImgSeg {
     // replaces it).
     bool keepDual = false;
     vela::ScopedArray<float2, 3> dual;
+    // With heldLabels (W x H, a label index per pixel, negative for none),
+    // every pixel with a label keeps it: run() gives its other labels a cost
+    // whose step outweighs any boundary, after the cost filter.
+    vela::ScopedArray<float, 2> heldLabels;
     // The iterations the last run() took.
     int iterationsDone = 0;
 

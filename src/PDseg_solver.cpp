@@ -6,6 +6,7 @@
 
 #include "src/PDseg.h"
 #include "src/block_sums.h"
+#include "src/dataterms/seeds.h"
 #include "src/engine_arrays.h"
 #include "src/solver/edge_weights.h"
 #include "src/solver/grid.h"
@@ -25,6 +26,18 @@ using vela::device::Thread;
 // ---------------------------------------------------------------------------
 // Kernels
 // ---------------------------------------------------------------------------
+
+// At a held pixel (label index l in `held`) label l costs nothing and every
+// other label `cost`.
+struct holdLabels_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float, 3> f, Array<float, 2> held, float cost) const {
+        unsigned int x, y;
+        if (!pixelOf(t, f.extents.x, f.extents.y, x, y)) return;
+        const int own = seedOf(held, x, y, f.extents.z);
+        if (own < 0) return;
+        for (unsigned int l = 0; l < f.extents.z; ++l) vela::at(f, x, y, l) = static_cast<int>(l) == own ? 0.0f : cost;
+    }
+};
 
 struct update_dual_kernel {
     // Model 0: projection onto the unit disc.
@@ -332,6 +345,10 @@ void update_fast(const Array<float, 3>& u, const Array<float, 3>& f, const Array
     });
 }
 
+void holdLabels(const Array<float, 3>& f, const Array<float, 2>& held, float cost) {
+    vela::device::launch<holdLabels_kernel>(pixelGrid(f.extents.x, f.extents.y), pixelBlock(), nullptr, f, held, cost);
+}
+
 void binarize(const Array<float, 3>& u) {
     vela::device::launch<binarize_kernel>(pixelGrid(u.extents.x, u.extents.y), pixelBlock(), nullptr, u);
 }
@@ -349,6 +366,11 @@ constexpr const char* kSource = "src/PDseg";
 constexpr int kLineAfterWeights = 1236;
 constexpr int kLineAfterLoop = 1262;
 constexpr int kLineAfterBinarize = 1271;
+
+// tau * lambda * cost of a held pixel's other labels: a primal step that takes
+// them below any boundary's pull (the divergence of the dual field), so that
+// the simplex projection leaves the held label alone at 1.
+constexpr float kHeldStep = 1e6f;
 
 // 1/255 in every component: the image in [0, 1].
 constexpr float kByteScale = 0.0039215689f;
@@ -446,13 +468,19 @@ void PDseg::run() {
     const float stepTau = tau, stepSigma = sigma, weight = lambda;
     const float n = static_cast<float>(nIterations);
 
-    // The costs the iteration reads: the member's, or their smoothed copy.
-    seg::ScopedArray<float, 3> filtered;
+    // The costs the iteration reads: the member's, or their smoothed copy;
+    // held labels are imposed after the smoothing, on a copy.
+    seg::ScopedArray<float, 3> working;
     if (filterRadius > 0) {
-        filtered.a = seg::deviceArray3D<float>(W, H, static_cast<unsigned int>(L));
-        seg::guidedFilter(filtered.a, costMap, scaled.a, filterRadius, filterEpsilon);
+        working.a = seg::deviceArray3D<float>(W, H, static_cast<unsigned int>(L));
+        seg::guidedFilter(working.a, costMap, scaled.a, filterRadius, filterEpsilon);
     }
-    const vela::Array<float, 3>& costs = filterRadius > 0 ? filtered.a : costMap;
+    if (!heldLabels.empty() && weight > 0.0f) {
+        requireSameSize("held labels and labelling", heldLabels.a, u);
+        if (working.empty()) working = seg::deviceCopy(costMap);
+        seg::holdLabels(working.a, heldLabels.a, kHeldStep / (stepTau * weight));
+    }
+    const vela::Array<float, 3>& costs = working.empty() ? costMap : working.a;
 
     switch (model) {
         case TV:

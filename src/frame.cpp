@@ -101,6 +101,7 @@ PreparedFrame prepareFrame(FrameSolver& seg, const FrameSeeds& seeds, const Segm
     seg.startU = std::move(start.u);
     seg.startDual = std::move(start.dual);
     seg.keepDual = settings.temporal == 1;
+    if (settings.holdSeeds == 1 && n > 0) seg.heldLabels = seg::deviceCopy(kept);
     return prepared;
 }
 

@@ -28,6 +28,7 @@ const std::vector<SettingKey>& settingKeys() {
         {"temporalWalkerRadius", &S::temporalWalkerRadius, 0, 100},
         {"costFilterRadius", &S::costFilterRadius, 0, 100},
         {"costFilterEpsilon", &S::costFilterEpsilon, 1e-8, 1},
+        {"holdSeeds", &S::holdSeeds, 0, 1},
     };
     return keys;
 }

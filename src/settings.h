@@ -61,6 +61,10 @@ struct SegmentationSettings {
     // root of their share: the data term then guesses far from any evidence,
     // and the boundary length deserves more say (0: lambda as given).
     float lambdaSeedDensity = 0.0f;
+    // "holdSeeds": 1, every seed the seed check keeps holds its label, whatever
+    // the costs around it (smoothed by the cost filter, say) and the boundary
+    // length say; 0, a seed only costs the other labels.
+    int holdSeeds = 0;
     // Whole-folder mode: each frame starts from the one before
     // (src/video/temporal.h).
     int temporal = 0;             // "temporal": 0 every frame afresh, 1 on

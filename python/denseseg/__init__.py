@@ -108,6 +108,7 @@ _SETTINGS = _keywords((
     ("seed_check_beta", "seedCheckBeta", False),
     ("seed_check_fit", "seedCheckFit", False),
     ("colour_weight", "colourWeight", False),
+    ("hold_seeds", "holdSeeds", False),
 ))
 # The settings of a video only (segment_video()), in the same form.
 _VIDEO_SETTINGS = _keywords((
@@ -438,6 +439,7 @@ def segment(
     seed_check_beta: float = _DEFAULTS["seed_check_beta"],
     seed_check_fit: float = _DEFAULTS["seed_check_fit"],
     colour_weight: float = _DEFAULTS["colour_weight"],
+    hold_seeds: int = _DEFAULTS["hold_seeds"],
     num_labels: Optional[int] = None,
     return_relaxed: bool = False,
 ):
@@ -533,6 +535,11 @@ def segment(
         further cost; each frame gets it in proportion to how well colour
         separates its labels at the seeds, 0 to 1e6; 0 leaves it out
         (``colourWeight``).
+    hold_seeds : int, optional
+        1 (recommended): every seed the seed check keeps keeps its label,
+        whatever the smoothed costs and the boundary length around it say, so
+        a clicked pixel always carries its click's label; 0: a seed only
+        costs the other labels (``holdSeeds``).
     num_labels : int, optional
         L, the number of labels, from 1 to :data:`MAX_LABELS`; by default the
         largest seed index plus one.

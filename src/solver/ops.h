@@ -64,6 +64,10 @@ void aniso_exp_iteration(const vela::Array<float2, 3>& p, const vela::Array<floa
 void update_fast(const vela::Array<float, 3>& u, const vela::Array<float, 3>& f, const vela::Array<float2, 3>& p,
                  const vela::Array<float, 2>& g, float tau, float sigma, float lambda);
 
+// Where `held` gives a pixel a label index, that label costs nothing in f and
+// every other `cost`.
+void holdLabels(const vela::Array<float, 3>& f, const vela::Array<float, 2>& held, float cost);
+
 // Makes u hard: 1 at the first label of largest value (ties to the lower
 // label), 0 elsewhere.  A pixel with no positive value gets label 0.
 void binarize(const vela::Array<float, 3>& u);

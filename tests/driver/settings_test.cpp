@@ -34,7 +34,7 @@ TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
              "i seedCheckRadius 12\nf seedCheckShare 0.5\nf seedCheckBeta 20\n"
              "f seedCheckFit 0.4\nf colourWeight 1.5\nf solverTolerance 0.001\ni costFilterRadius 6\n"
              "f costFilterEpsilon 0.01\nf lambdaSeedDensity 0.003\ni temporal 1\nf temporalWeight 0.5\n"
-             "f temporalWalkerTolerance 0.01\ni temporalWalkerRadius 6\nf temporalMotionWeight 2\n",
+             "f temporalWalkerTolerance 0.01\ni temporalWalkerRadius 6\nf temporalMotionWeight 2\ni holdSeeds 1\n",
              s, error))
         << error;
     EXPECT_TRUE(s.lambda == 100.0f && s.maxiter == 500 && s.model == 4 && s.diffusivity == 1 && s.alpha == 2.0f &&
@@ -44,7 +44,7 @@ TEST(Settings, AbsentKeysKeepTheDefaultsAndEveryKeyIsRead) {
                 s.colourWeight == 1.5f && s.solverTolerance == 0.001f && s.edgeWeights == EdgeWeights::DIFFUSIVITY &&
                 s.costFilterRadius == 6 && s.costFilterEpsilon == 0.01f && s.lambdaSeedDensity == 0.003f &&
                 s.temporal == 1 && s.temporalWeight == 0.5f && s.temporalWalkerTolerance == 0.01f &&
-                s.temporalWalkerRadius == 6 && s.temporalMotionWeight == 2.0f);
+                s.temporalWalkerRadius == 6 && s.temporalMotionWeight == 2.0f && s.holdSeeds == 1);
     ASSERT_TRUE(read("i model 1\ns edgeWeights contrast\n", s, error)) << error;
     EXPECT_EQ(s.edgeWeights, EdgeWeights::CONTRAST);
 }
@@ -77,6 +77,7 @@ TEST(Settings, ABadValueNamesItsKeyAndLeavesTheSettingsAlone) {
         {"f temporalMotionWeight -1\n", "key \"temporalMotionWeight\""},
         {"f temporalWalkerTolerance 2\n", "key \"temporalWalkerTolerance\""},
         {"i temporalWalkerRadius -1\n", "key \"temporalWalkerRadius\""},
+        {"i holdSeeds 2\n", "key \"holdSeeds\""},
         // The fused model 2 has no per-edge form.
         {"s edgeWeights contrast\n",
          "configuration key \"edgeWeights\": expected \"s edgeWeights contrast\" with model 1 (\"i model 1\"), got "

@@ -212,6 +212,20 @@ def test_definition_holds_the_engines_own_defaults():
     np.testing.assert_array_equal(relaxed, same_relaxed)
 
 
+def test_a_lone_click_keeps_its_label():
+    # A 10 x 10 noisy grey frame and one click of each of two labels: the
+    # recommended cost filter averages a lone seed's costs away; held seeds
+    # keep their labels whatever it and the boundary say.
+    for seed in range(10):
+        rng = np.random.default_rng(seed)
+        image = np.clip(128 + rng.normal(0, 20, (10, 10, 1)), 0, 255).repeat(3, axis=2).astype(np.uint8)
+        seeds = np.full((10, 10), -1)
+        first, second = rng.choice(100, 2, replace=False)
+        seeds.flat[first], seeds.flat[second] = 0, 1
+        labels = denseseg.segment(image, seeds)
+        assert labels.flat[first] == 0 and labels.flat[second] == 1, seed
+
+
 def test_a_frame_the_engine_cannot_address_is_refused():
     # Strides are 32-bit: 100 labels of a 2400 x 2300 frame need a 4.5 GB dual field.
     image = np.zeros((2300, 2400, 3), np.uint8)

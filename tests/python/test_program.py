@@ -65,6 +65,7 @@ KEYWORDS = {
     "seedCheckBeta": "seed_check_beta",
     "seedCheckFit": "seed_check_fit",
     "colourWeight": "colour_weight",
+    "holdSeeds": "hold_seeds",
 }
 
 

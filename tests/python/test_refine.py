@@ -55,6 +55,10 @@ def test_refine_keeps_a_clean_labelling_and_cleans_a_noisy_one():
     np.testing.assert_array_equal(labels, regions)
     assert relaxed.dtype == np.float32 and relaxed.shape == (3, 48, 64)
     np.testing.assert_allclose(relaxed.sum(axis=0), 1.0, atol=1e-5)
+    # Refining is never worse than the argmax: where every pixel's most
+    # probable label is right, if only by 0.4 against 0.3, all of them stay.
+    weak = 0.3 + 0.1 * one_hot(regions) + np.random.default_rng(3).uniform(0, 0.05, (3,) + regions.shape)
+    np.testing.assert_array_equal(denseseg.refine(image, weak), regions)
 
     # Scores that favour the right label only slightly: more than a quarter
     # of the pixels' winners are wrong.
@@ -117,3 +121,4 @@ BAD_REFINE = [
 def test_refine_refuses(args, kwargs, error, message):
     with pytest.raises(error, match=message):
         denseseg.refine(*args, **kwargs)
+

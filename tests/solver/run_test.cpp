@@ -195,6 +195,41 @@ TEST(Run, EdgeWeightedModelsFindTwoRegionsLabelledAtTheirCentres) {
     }
 }
 
+// A 10 x 10 noisy grey frame with one seed of each of two labels and the cost
+// filter on: the filter averages a lone seed's costs away, so without held
+// labels a seed loses its label (the failure this guards against); held, both
+// keep theirs in every model, and the filter still reaches every other pixel.
+TEST(Run, HeldLabelsHoldAgainstTheCostFilterAndTheBoundary) {
+    const unsigned int n = 10;
+    Problem pr{randomGrid<float4>(n, n, 1, 100.0f, 160.0f), Grid<float>(n, n, 2, 0.0f)};
+    for (auto& px : pr.image.data) px = make_float4(px.x, px.x, px.x, 0);
+    const unsigned int seeds[2][2] = {{2, 3}, {6, 7}};
+    Grid<float> held(n, n, 1, -1.0f);
+    for (unsigned int l = 0; l < 2; ++l) {
+        const auto [x, y] = seeds[l];
+        pr.cost(x, y, 1 - l) = 1.0f;
+        held(x, y) = static_cast<float>(l);
+    }
+    for (int model : {0, 1, 2, 3, 4, 5}) {
+        for (bool hold : {false, true}) {
+            auto image = upload<2>(pr.image);
+            vela::Array<float, 3> cost = toDevice<3>(pr.cost);
+            ScratchDir scratch;  // the tensor models write imageGradient.ppm
+            ScopedPDseg seg(image.a, cost);
+            seg.model = static_cast<PDseg::SegmentationModel>(model == 5 ? 1 : model);
+            if (model == 5) seg.edgeWeights = PDseg::CONTRAST_EDGES;
+            seg.lambda = 3.0f;
+            seg.nIterations = 200;
+            seg.filterRadius = 8;
+            if (hold) seg.heldLabels = upload<2>(held);
+            seg.run();
+            const Grid<float> hard = toHost(seg.u);
+            const bool kept = hard(2, 3, 0) == 1.0f && hard(6, 7, 1) == 1.0f;
+            EXPECT_EQ(kept, hold) << "model " << model << (hold ? ", held" : ", not held");
+        }
+    }
+}
+
 // More labels than the limit, an image of another size, and no cost map at
 // all, which writes only its error line and leaves the arrays alone.
 TEST(Run, RefusesWhatItCannotSolve) {
