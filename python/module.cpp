@@ -3,10 +3,10 @@
 // The Python layer (python/denseseg/__init__.py) checks types, shapes and
 // ranges and hands over C-contiguous arrays; the checks here only keep a
 // caller of this module from reaching the engine with arrays it cannot take.
-// Every frame is segmented exactly as the program's frame loop does it: the
-// same float4 device image, the same label image, the same segmentFrame().  Settings arrive as configuration entries
-// (type letter, key, value) and are read by the program's own checked reader,
-// so a bad value is refused with the program's message.
+// Every frame is segmented as the program's frame loop does it: the same
+// float4 device image and label image, the same segmentFrame().  Settings
+// arrive as configuration entries (type letter, key, value), read by the
+// program's own checked reader, which refuses a bad value with its message.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/optional.h>
@@ -315,7 +315,7 @@ std::string settingsError(const std::vector<Entry>& entries) {
     return readSegmentationSettings(config, settings, error) ? std::string() : error;
 }
 
-// Checks a frame of h x w pixels with `labels` labels against its image.
+// Checks a frame of h x w pixels with `labels` labels and its image.
 void requireFrame(const Image& image, std::size_t h, std::size_t w, std::size_t labels) {
     requireImage(image, h, w);
     if (h < 1 || w < 1) throw nb::value_error("image must not be empty");
@@ -376,8 +376,8 @@ nb::object refine(const Image& image, const Layers& probabilities, const std::ve
         vela::arrayCopy(given.a, vela::arrayFromHostMemory(const_cast<float*>(probabilities.data()), W, H, layers));
         vela::ScopedArray<float, 3> costMap(seg::deviceArray3D<float>(W, H, layers));
         probabilitiesToCost(costMap.a, given.a);
-        vela::Array<float, 3> taken = costMap.release();
-        auto seg = std::make_unique<FrameSolver>(frame, taken);
+        auto seg = std::make_unique<FrameSolver>(frame, costMap.a);
+        costMap.release();  // the object has taken it over
         applySolverSettings(*seg, settings, settings.lambda);
         solveFrame(*seg);
         return seg;
@@ -385,17 +385,16 @@ nb::object refine(const Image& image, const Layers& probabilities, const std::ve
 }
 
 // A video, frame after frame, as the program's whole-folder mode runs it: each
-// frame's seeds from the tracks by the program's rule, and with "temporal 1"
-// among the entries each frame starting from the one before.  The tracks come
-// as arrays: points (T x N x 2, x and y), visible (T x N) and their labels (N).
-// It holds the tracks and what the next frame needs, nothing of the frames
-// before, so a video of any length takes the memory of one frame.
+// frame's seeds from the tracks (points T x N x 2, visible T x N, labels N) by
+// the program's rule, and with "temporal 1" each frame starting from the one
+// before.  It holds the tracks and what the next frame needs, nothing of the
+// frames before: a video of any length takes the memory of one frame.
 class Video {
  public:
     Video(const Points& points, const Visible& visible, const TrackLabels& trackLabels,
           const std::vector<Entry>& entries)
-        : frames_(points.shape(0)), settings_(settingsOf(entries)) {
-        const std::size_t T = frames_, N = trackLabels.shape(0);
+        : settings_(settingsOf(entries)) {
+        const std::size_t T = points.shape(0), N = trackLabels.shape(0);
         if (points.shape(1) != N || points.shape(2) != 2)
             throw nb::value_error("points must be T x N x 2, one row per frame and track");
         if (visible.shape(0) != T || visible.shape(1) != N) throw nb::value_error("visible must be T x N like points");
@@ -419,10 +418,6 @@ class Video {
         const std::size_t h = image.shape(0), w = image.shape(1);
         if (h < 1 || w < 1) throw nb::value_error("frames must not be empty");
         if (image.shape(2) != 3) throw nb::value_error("a frame must be H x W x 3");
-        if (t >= frames_)
-            throw nb::value_error(("points must hold one row per frame: more than " + std::to_string(frames_) +
-                                   " frames, " + std::to_string(frames_) + " rows")
-                                      .c_str());
         const unsigned int W = static_cast<unsigned int>(w), H = static_cast<unsigned int>(h);
         const std::size_t plane = w * h;
         std::vector<std::int32_t> result(plane, -1);
@@ -455,7 +450,6 @@ class Video {
     }
 
  private:
-    std::size_t frames_;
     SegmentationSettings settings_;
     std::vector<TrackPoints> tracks_;
     video::Carry carry_;
@@ -493,8 +487,9 @@ std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::nu
         std::lock_guard<std::mutex> lock(engineMutex);
         vela::ScopedArray<float4, 2> frame(deviceImage(pixels, W, H));
         // The object takes the (unused) cost map over; its u receives the labelling.
-        vela::Array<float, 3> costMap = seg::deviceArray3D<float>(W, H, L);
-        FrameSolver seg(frame.a, costMap);
+        vela::ScopedArray<float, 3> costMap(seg::deviceArray3D<float>(W, H, L));
+        FrameSolver seg(frame.a, costMap.a);
+        costMap.release();  // the object has taken it over
         vela::arrayCopy(seg.u, vela::arrayFromHostMemory(layers.data(), W, H, L));
         setLabelColours(seg, labelIds);
         seg.computeColorRepresentation(seg.u, true, false);

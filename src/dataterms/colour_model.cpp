@@ -21,9 +21,15 @@ constexpr int kLevels = 16;                         // per channel
 constexpr int kBins = kLevels * kLevels * kLevels;  // per label
 constexpr int kSmoothRadius = 3;                    // of the Gaussian, in levels (sigma 1)
 // A label with fewer seeds than this learns from the (2 r + 1)^2 pixels around
-// each, r = kPatchRadius: a click is one pixel, its object's colours are more.
+// each: a click is one pixel, its object's colours are more.  r is
+// kPatchRadius among track points, and kClickPatchRadius in a frame of clicks,
+// whose seeds cover less than kClickShare of its pixels (a person clicks
+// inside an object, where a track point may lie on a thin structure whose
+// neighbours are another label's).
 constexpr int kFewSeeds = 16;
 constexpr int kPatchRadius = 1;
+constexpr int kClickPatchRadius = 5;
+constexpr double kClickShare = 0.001;
 // Added to every density, so that a colour no seed has is not impossible.
 constexpr float kDensityFloor = 1e-6f;
 
@@ -76,14 +82,14 @@ struct countSeeds_kernel {
 struct countColours_kernel {
     VELA_HD void operator()(const Thread& t, vela::Array<int, 2> counts, vela::Array<int, 1> samples,
                             vela::Array<int, 1> seeds, vela::Array<float, 2> labels, vela::Array<float4, 2> image,
-                            unsigned int nLabels) const {
+                            unsigned int nLabels, int patchRadius) const {
         const unsigned int w = labels.extents.x, h = labels.extents.y;
         unsigned int x, y;
         if (!pixelOf(t, w, h, x, y)) return;
         const int l = seg::seedOf(labels, x, y, nLabels);
         if (l < 0) return;
         const unsigned int label = static_cast<unsigned int>(l);
-        const int r = vela::at(seeds, label) < kFewSeeds ? kPatchRadius : 0;
+        const int r = vela::at(seeds, label) < kFewSeeds ? patchRadius : 0;
         int added = 0;
         for (int j = static_cast<int>(y) - r; j <= static_cast<int>(y) + r; ++j)
             for (int i = static_cast<int>(x) - r; i <= static_cast<int>(x) + r; ++i) {
@@ -216,13 +222,17 @@ ColourModel::ColourModel(const vela::Array<float4, 2>& image, const vela::Array<
     zero(seeds.a);
     vela::device::launch<countSeeds_kernel>(pixelGrid(labels), pixelBlock(), nullptr, seeds.a, labels, nLabels);
     check(__LINE__);
+    seeds_ = toHost(seeds.a);
+    double seeded = 0.0;
+    for (int count : seeds_) seeded += count;
+    const bool clicks = seeded < kClickShare * labels.extents.x * labels.extents.y;
 
     vela::ScopedArray<int, 2> counts(seg::deviceArray2D<int>(kBins, nLabels));
     vela::ScopedArray<int, 1> samples(seg::deviceArray1D<int>(nLabels));
     zero(counts.a);
     zero(samples.a);
     vela::device::launch<countColours_kernel>(pixelGrid(labels), pixelBlock(), nullptr, counts.a, samples.a, seeds.a,
-                                              labels, image, nLabels);
+                                              labels, image, nLabels, clicks ? kClickPatchRadius : kPatchRadius);
     check(__LINE__);
 
     // Smoothing along blue, green and red, one pass each.
@@ -234,7 +244,6 @@ ColourModel::ColourModel(const vela::Array<float4, 2>& image, const vela::Array<
     vela::device::launch<smoothBins_kernel<float>>(grid, block, nullptr, density_, smoothed.a, kLevels * kLevels);
     check(__LINE__);
 
-    seeds_ = toHost(seeds.a);
     sampleCounts_ = toHost(samples.a);
     std::vector<float> n(sampleCounts_.begin(), sampleCounts_.end());
     samples_ = seg::deviceArray1D<float>(nLabels);

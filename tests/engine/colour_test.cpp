@@ -59,13 +59,17 @@ struct PlainModel {
 
     PlainModel(const Frame& f, unsigned int labels) : L(labels), density(L), n(L, 0), seeds(L, 0) {
         std::vector<std::vector<double>> counts(L, std::vector<double>(4096, 0.0));
+        int total = 0;
         for (float v : f.labels)
-            if (v >= 0) ++seeds[int(v)];
+            if (v >= 0) ++seeds[int(v)], ++total;
+        // A label with few seeds learns from patches: of radius 5 in a frame
+        // of clicks (seeds on less than 0.1 % of its pixels), else 1.
+        const int patch = total < 0.001 * f.w * f.h ? 5 : 1;
         for (unsigned int y = 0; y < f.h; ++y)
             for (unsigned int x = 0; x < f.w; ++x) {
                 const float v = f.labels[y * f.w + x];
                 if (v < 0) continue;
-                const int l = int(v), r = seeds[l] < 16 ? 1 : 0;
+                const int l = int(v), r = seeds[l] < 16 ? patch : 0;
                 for (int j = int(y) - r; j <= int(y) + r; ++j)
                     for (int i = int(x) - r; i <= int(x) + r; ++i)
                         if (i >= 0 && j >= 0 && i < int(f.w) && j < int(f.h)) {
@@ -105,20 +109,34 @@ std::vector<float> colourCost(const Frame& f, unsigned int L, float weight) {
     return download(cost.a);
 }
 
+// A frame of threeLabels with two seeds a label only: a frame of clicks.
+Frame clicksOnly(unsigned int w, unsigned int h) {
+    Frame f = threeLabels(w, h);
+    std::vector<int> kept(3, 0);
+    for (float& v : f.labels)
+        if (v >= 0 && ++kept[int(v)] > 2) v = -1;
+    return f;
+}
+
 TEST(ColourModel, CostFitAndSeparabilityFollowThePlainModels) {
-    const Frame f = threeLabels(41, 23);
     const unsigned int L = 3;
-    const PlainModel plain(f, L);
-    const std::vector<float> cost = colourCost(f, L, 2.0f);
-    for (unsigned int i = 0; i < f.w * f.h; ++i) {
-        const int b = PlainModel::bin(f.image[i]);
-        double total = 0;
-        for (unsigned int l = 0; l < L; ++l) total += plain.at(b, l);
-        for (unsigned int l = 0; l < L; ++l) {
-            const double want = 2.0 * std::log(plain.at(b, l) / total + 0.001) / std::log(0.001);
-            ASSERT_NEAR(cost[l * f.w * f.h + i], want, 1e-4 + 1e-4 * want) << i << ", label " << l;
+    for (const Frame& frame : {threeLabels(41, 23), clicksOnly(150, 80)}) {
+        const PlainModel plain(frame, L);
+        const std::vector<float> cost = colourCost(frame, L, 2.0f);
+        for (unsigned int i = 0; i < frame.w * frame.h; ++i) {
+            const int b = PlainModel::bin(frame.image[i]);
+            double total = 0;
+            for (unsigned int l = 0; l < L; ++l) total += plain.at(b, l);
+            for (unsigned int l = 0; l < L; ++l) {
+                const double want = 2.0 * std::log(plain.at(b, l) / total + 0.001) / std::log(0.001);
+                ASSERT_NEAR(cost[l * frame.w * frame.h + i], want, 1e-4 + 1e-4 * want)
+                    << frame.w << " x " << frame.h << ": " << i << ", label " << l;
+            }
         }
     }
+
+    const Frame f = threeLabels(41, 23);
+    const PlainModel plain(f, L);
 
     Image image(upload(f.image, f.w, f.h));
     seg::ScopedArray<float, 2> labels(upload(f.labels, f.w, f.h));
