@@ -77,7 +77,7 @@ _ENGINE_KEYS = {
 def _keywords(rows) -> tuple:
     """(keyword, configuration key, solver?) rows as (keyword, type letter,
     key, the engine's default, solver?)."""
-    return tuple((keyword, *_ENGINE_KEYS[key][:1], key, _ENGINE_KEYS[key][1], solver) for keyword, key, solver in rows)
+    return tuple((keyword, _ENGINE_KEYS[key][0], key, _ENGINE_KEYS[key][1], solver) for keyword, key, solver in rows)
 
 
 # Every setting the engine reads: keyword argument, key of its configuration
