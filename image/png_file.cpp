@@ -2,7 +2,9 @@
 
 #include <png.h>
 
+#include <csetjmp>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 
 namespace png_file {
@@ -57,6 +59,102 @@ RgbImage readMemory(const std::uint8_t* data, std::size_t size, const std::strin
 RgbImage read(const std::string& path) {
     const std::vector<std::uint8_t> bytes = image_file::readAll(path);
     return readMemory(bytes.data(), bytes.size(), path);
+}
+
+namespace {
+
+// The bytes libpng reads from, and the message of the error that stopped it.
+struct MemorySource {
+    const std::uint8_t* data;
+    std::size_t size;
+    std::size_t at = 0;
+    std::string error;
+};
+
+void readFromMemory(png_structp png, png_bytep out, png_size_t count) {
+    auto* source = static_cast<MemorySource*>(png_get_io_ptr(png));
+    if (count > source->size - source->at) png_error(png, "the file ends early");
+    std::memcpy(out, source->data + source->at, count);
+    source->at += count;
+}
+
+void onError(png_structp png, png_const_charp message) {
+    static_cast<MemorySource*>(png_get_error_ptr(png))->error = message;
+    png_longjmp(png, 1);
+}
+
+void onWarning(png_structp, png_const_charp) {}
+
+const char* colourTypeName(int type) {
+    switch (type) {
+        case PNG_COLOR_TYPE_RGB:
+            return "colour";
+        case PNG_COLOR_TYPE_RGB_ALPHA:
+            return "colour with alpha";
+        case PNG_COLOR_TYPE_GRAY_ALPHA:
+            return "greyscale with alpha";
+        default:
+            return "single-channel";
+    }
+}
+
+}  // namespace
+
+IndexImage readIndicesMemory(const std::uint8_t* data, std::size_t size, const std::string& name) {
+    // libpng's error handler jumps back to setjmp: what the reading changes
+    // lives on the heap behind a pointer set before it, and no object with a
+    // destructor is alive across a libpng call.
+    struct Reading {
+        MemorySource source;
+        IndexImage image;
+        std::vector<png_bytep> rows;
+        std::string refusal;
+    };
+    const std::unique_ptr<Reading> reading = std::make_unique<Reading>(Reading{MemorySource{data, size, 0, {}}, {}, {}, {}});
+    MemorySource* const source = &reading->source;
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, source, onError, onWarning);
+    png_infop info = png == nullptr ? nullptr : png_create_info_struct(png);
+    if (info == nullptr) {
+        png_destroy_read_struct(&png, nullptr, nullptr);
+        throw std::runtime_error(name + ": out of memory reading the PNG file");
+    }
+    if (setjmp(png_jmpbuf(png)) == 0) {
+        png_set_read_fn(png, source, readFromMemory);
+        png_read_info(png, info);
+        const png_uint_32 width = png_get_image_width(png, info), height = png_get_image_height(png, info);
+        const int depth = png_get_bit_depth(png, info), type = png_get_color_type(png, info);
+        const bool single = type == PNG_COLOR_TYPE_GRAY || type == PNG_COLOR_TYPE_PALETTE;
+        if (static_cast<std::uint64_t>(width) * height > kMaxImagePixels) {
+            reading->refusal = "not a readable PNG file: the image is larger than 2^28 pixels";
+        } else if (height * (1 + (static_cast<std::uint64_t>(width) + 7) / 8) > kMaxDeflateRatio * size) {
+            reading->refusal = "not a readable PNG file: the image size is more than the file can hold";
+        } else if (!single || depth != 8) {
+            reading->refusal = std::string("not a single-channel 8-bit PNG (it is ") + colourTypeName(type) + ", " +
+                               std::to_string(depth) + " bits per sample)";
+        } else {
+            IndexImage& image = reading->image;
+            image.width = static_cast<int>(width);
+            image.height = static_cast<int>(height);
+            image.values.resize(static_cast<std::size_t>(width) * height);
+            reading->rows.resize(height);
+            for (png_uint_32 y = 0; y < height; ++y)
+                reading->rows[y] = image.values.data() + static_cast<std::size_t>(y) * width;
+            // Interlaced files are read whole in every pass.
+            png_set_interlace_handling(png);
+            png_read_update_info(png, info);
+            png_read_image(png, reading->rows.data());
+        }
+    } else {
+        reading->refusal = "not a readable PNG file: " + source->error;
+    }
+    png_destroy_read_struct(&png, &info, nullptr);
+    if (!reading->refusal.empty()) throw std::runtime_error(name + ": " + reading->refusal);
+    return std::move(reading->image);
+}
+
+IndexImage readIndices(const std::string& path) {
+    const std::vector<std::uint8_t> bytes = image_file::readAll(path);
+    return readIndicesMemory(bytes.data(), bytes.size(), path);
 }
 
 namespace {

@@ -20,6 +20,21 @@ RgbImage read(const std::string& path);
 // The same from bytes in memory; `name` names them in messages.
 RgbImage readMemory(const std::uint8_t* data, std::size_t size, const std::string& name);
 
+// A label map: one byte per pixel, row-major, as an 8-bit greyscale or
+// palette PNG stores it (for a palette PNG the indices, not their colours).
+struct IndexImage {
+    int width = 0;
+    int height = 0;
+    std::vector<std::uint8_t> values;
+};
+
+// Reads an 8-bit single-channel PNG (greyscale or palette) as its stored
+// values.  Any other PNG (colour, alpha, 16-bit or fewer than 8 bits per
+// pixel) is refused with std::runtime_error naming the file and what it holds,
+// as is a file that is no readable PNG, by readMemory()'s size checks too.
+IndexImage readIndices(const std::string& path);
+IndexImage readIndicesMemory(const std::uint8_t* data, std::size_t size, const std::string& name);
+
 // An 8-bit RGB PNG of `image`.
 void writeRgb(const RgbImage& image, const std::string& path);
 

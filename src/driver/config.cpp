@@ -49,7 +49,11 @@ bool parseConfigINI(const std::string& path, ConfigMap& config, std::string& err
     if (std::filesystem::is_directory(path, ec)) return fail(error, path, "is a folder");
     std::ifstream in(path);
     if (!in) return fail(error, path, "cannot be opened");
+    return parseConfigStream(in, path, config, error);
+}
 
+bool parseConfigStream(std::istream& in, const std::string& path, ConfigMap& config, std::string& error) {
+    config.clear();
     keyvalue scratch;
     int entries = 0;
     char type = 0;

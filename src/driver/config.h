@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <istream>
 #include <map>
 #include <string>
 
@@ -40,6 +41,9 @@ extern const char* const kConfigFormatMessage;
 // an entry cut short by the end of the file, or a file that cannot be opened
 // or read; `config` then holds the entries before the fault.
 bool parseConfigINI(const std::string& path, ConfigMap& config, std::string& error);
+
+// The same from a stream; `path` names it in messages.
+bool parseConfigStream(std::istream& in, const std::string& path, ConfigMap& config, std::string& error);
 
 // Ends the process as a configuration that cannot be used does: `error` on
 // standard error, kConfigFormatMessage on standard output, exit status 255.

@@ -18,6 +18,7 @@
 #include "image/png_file.h"
 #include "src/driver/config.h"
 #include "src/driver/file_names.h"
+#include "src/driver/result_files.h"
 #include "src/driver/label_map.h"
 #include "src/driver/settings_file.h"
 #include "src/driver/tracks.h"
@@ -38,55 +39,6 @@ const cudaStream_t kDefaultStream = nullptr;
 std::string baseName(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// A name in the folder of `path` under which its contents are written before
-// they are renamed into place.  It starts with "." so that no listing of
-// results picks it up, and keeps the extension that chooses the file format.
-std::string partialName(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
-    return folder + ".partial-" + std::to_string(::getpid()) + "-" + baseName(path);
-}
-
-// Moves a finished file into place; the partial file is removed on failure.
-void renameIntoPlace(const std::string& partial, const std::string& path) {
-    std::error_code ec;
-    fs::rename(partial, path, ec);
-    if (ec) {
-        fs::remove(partial, ec);
-        throw std::runtime_error("cannot move the result into place as " + path);
-    }
-}
-
-// Has `write` fill a partial file that then replaces `path`, so that `path`
-// either keeps its old contents or holds the complete new file.
-template <class Write>
-void writeInPlace(const std::string& path, Write write) {
-    const std::string partial = partialName(path);
-    try {
-        write(partial);
-    } catch (...) {
-        std::error_code ec;
-        fs::remove(partial, ec);
-        throw;
-    }
-    renameIntoPlace(partial, path);
-}
-
-void saveImageInPlace(const vela::Array<float, 3>& image, const std::string& path) {
-    writeInPlace(path, [&](const std::string& partial) { vela::saveImage(image, partial, false); });
-}
-
-// Converts a float4 rendering to three float planes in its own memory space
-// and saves it.
-void saveRendering(const vela::Array<float4, 2>& rendering, const std::string& path) {
-    const uint4 extents = make_uint4(rendering.extents.x, rendering.extents.y, 3, 1);
-    vela::ScopedArray<float, 3> planes(vela::internal::decreaseArrayDimension<float, 4, 3>(
-        rendering.device == vela::kHostDevice ? vela::mallocHostArray<float>(extents, vela::LINEAR_LAYOUT)
-                                              : vela::mallocDeviceArray<float>(extents, vela::PITCHED_LAYOUT)));
-    vela::convert(planes.a, rendering, kDefaultStream);
-    saveImageInPlace(planes.a, path);
 }
 
 // Whether `path` names the same file as one of `inputs`.
