@@ -1,0 +1,76 @@
+#include "src/propagate/optical_flow.h"
+
+#include "vela/access.h"
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/video/tracking.hpp>
+
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace propagate {
+
+struct OpticalFlow::State {
+    cv::Ptr<cv::DISOpticalFlow> dis = cv::DISOpticalFlow::create(cv::DISOpticalFlow::PRESET_MEDIUM);
+    cv::Mat before;  // grey, 8 bits; empty before the first frame
+};
+
+namespace {
+
+// The frame's grey values as OpenCV computes them from 8-bit RGB.
+cv::Mat grey(const vela::Array<float4, 2>& image) {
+    const int w = static_cast<int>(image.extents.x), h = static_cast<int>(image.extents.y);
+    cv::Mat rgb(h, w, CV_8UC3);
+    auto byte = [](float v) { return cv::saturate_cast<std::uint8_t>(std::lround(v)); };
+    for (int y = 0; y < h; ++y) {
+        std::uint8_t* row = rgb.ptr<std::uint8_t>(y);
+        for (int x = 0; x < w; ++x) {
+            const float4 p = vela::at(image, static_cast<unsigned int>(x), static_cast<unsigned int>(y));
+            row[3 * x + 0] = byte(p.x);
+            row[3 * x + 1] = byte(p.y);
+            row[3 * x + 2] = byte(p.z);
+        }
+    }
+    cv::Mat out;
+    cv::cvtColor(rgb, out, cv::COLOR_RGB2GRAY);
+    return out;
+}
+
+void copyFlow(const cv::Mat& flow, std::vector<float2>& to) {
+    to.resize(static_cast<std::size_t>(flow.rows) * flow.cols);
+    for (int y = 0; y < flow.rows; ++y)
+        std::memcpy(&to[static_cast<std::size_t>(y) * flow.cols], flow.ptr<float>(y),
+                    sizeof(float2) * static_cast<std::size_t>(flow.cols));
+}
+
+}  // namespace
+
+OpticalFlow::OpticalFlow() : state_(std::make_unique<State>()) {}
+OpticalFlow::~OpticalFlow() = default;
+
+void OpticalFlow::reset() { state_->before.release(); }
+
+bool OpticalFlow::next(const vela::Array<float4, 2>& image, FlowPair& flow) {
+    if (image.device != vela::kHostDevice) throw std::invalid_argument("optical flow takes host images");
+    cv::Mat now = grey(image);
+    if (state_->before.empty()) {
+        state_->before = now;
+        return false;
+    }
+    if (now.size() != state_->before.size())
+        throw std::invalid_argument("frames of different sizes: " + std::to_string(now.cols) + " x " +
+                                    std::to_string(now.rows) + " after " + std::to_string(state_->before.cols) +
+                                    " x " + std::to_string(state_->before.rows));
+    cv::Mat forward, backward;
+    state_->dis->calc(state_->before, now, forward);
+    state_->dis->calc(now, state_->before, backward);
+    copyFlow(forward, flow.forward);
+    copyFlow(backward, flow.backward);
+    state_->before = now;
+    return true;
+}
+
+}  // namespace propagate

@@ -1,0 +1,52 @@
+// The tracker's steps on the device, one thread per point or per pixel: moving
+// points along the flow with the forward-backward check, finding the grid
+// cells that hold a point, and reading labels at points only where a label
+// map is sure of them.
+#pragma once
+
+#include "vela/tools.h"
+
+namespace propagate {
+
+// A point's flow check: it ends where following the forward flow and then the
+// backward flow from where it lands misses its start by more than
+// kFlowMismatch * (|forward|^2 + |backward|^2) + kFlowSlack squared pixels,
+// which happens where it becomes hidden and where the flow is unreliable.
+constexpr float kFlowMismatch = 0.01f;
+constexpr float kFlowSlack = 0.5f;
+// A point also ends on a motion edge, where the squared gradient of the flow
+// exceeds kMotionEdge * |forward|^2 + kMotionEdgeSlack: there the point is
+// about to be hidden, or the flow mixes two motions.
+constexpr float kMotionEdge = 0.01f;
+constexpr float kMotionEdgeSlack = 0.002f;
+
+// Moves each of the n points (x, y in pixels; pixel i covers [i, i + 1))
+// along `forward` (W x H, the flow at each pixel's centre, read bilinearly)
+// into `moved`; kept[i] is 1 where the point passes the flow checks and lands
+// strictly inside the frame (0 < x < W, 0 < y < H), 0 where its track ends.
+// All arrays on the device.
+void followPoints(const vela::Array<float2, 1>& points, unsigned int n, const vela::Array<float2, 2>& forward,
+                  const vela::Array<float2, 2>& backward, vela::Array<float2, 1>& moved, vela::Array<int, 1>& kept);
+
+// Counts into `cells` (cleared here; ceil(W / spacing) x ceil(H / spacing))
+// the points with kept[i] = 1 that lie in each spacing x spacing cell.
+void countPointsInCells(const vela::Array<float2, 1>& points, const vela::Array<int, 1>& kept, unsigned int n,
+                        unsigned int spacing, vela::Array<int, 2>& cells);
+
+// The label of each pixel of `labels` (W x H, negative for none) where every
+// pixel within `margin` pixels (the (2 margin + 1)-pixel square, clipped to
+// the frame) has the same label, -1 elsewhere, into `sure`.  `rows` is W x H
+// scratch.
+void sureLabels(const vela::Array<int, 2>& labels, unsigned int margin, vela::Array<int, 2>& rows,
+                vela::Array<int, 2>& sure);
+
+// For each of the n points the value of `sure` and of `labels` at its pixel,
+// (-1, -1) for a point outside the frame, into `found`.
+void labelsAtPoints(const vela::Array<float2, 1>& points, unsigned int n, const vela::Array<int, 2>& sure,
+                    const vela::Array<int, 2>& labels, vela::Array<int2, 1>& found);
+
+// Makes the W x H x L labelling `u` hold layer `layers`(x, y) wholly (1 there,
+// 0 in the others) at each pixel where that index is not negative.
+void imposeLayers(vela::Array<float, 3>& u, const vela::Array<int, 2>& layers);
+
+}  // namespace propagate

@@ -1,0 +1,280 @@
+#include "src/propagate/propagator.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "src/driver/label_map.h"
+#include "src/driver/tracks.h"
+#include "src/engine_arrays.h"
+#include "src/propagate/point_steps.h"
+
+namespace propagate {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double msSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// A host vector of n elements viewed as a 1-D array.
+template <class T>
+vela::Array<T, 1> view(std::vector<T>& values) {
+    return seg::hostView1D(values.data(), static_cast<unsigned int>(values.size()));
+}
+
+// Label values as the device steps read them: negative where open.
+vela::ScopedArray<int, 2> deviceLabelValues(const std::vector<std::uint8_t>& values, unsigned int w,
+                                            unsigned int h) {
+    std::vector<int> ints(values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) ints[i] = values[i] == kUnlabelled ? -1 : values[i];
+    return seg::deviceCopy(vela::arrayFromHostMemory(ints.data(), make_uint2(w, h)));
+}
+
+}  // namespace
+
+Propagator::Propagator(const SegmentationSettings& settings, const TrackerSettings& tracker,
+                       TrackRecorder* recorder)
+    : settings_(settings), tracker_(tracker), recorder_(recorder) {
+    if (tracker_.trackSpacing < 1) throw std::invalid_argument("the track spacing must be at least 1 pixel");
+}
+
+Propagator::~Propagator() = default;
+
+void Propagator::followTracks(const vela::Array<float4, 2>& image) {
+    FlowPair flow;
+    if (!flow_.next(image, flow) || points_.empty()) return;
+    const unsigned int n = static_cast<unsigned int>(points_.size());
+    std::vector<float2> positions(n);
+    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
+    const vela::ScopedArray<float2, 1> from = seg::deviceCopy(view(positions));
+    const vela::ScopedArray<float2, 2> forward =
+        seg::deviceCopy(vela::arrayFromHostMemory(flow.forward.data(), make_uint2(width_, height_)));
+    const vela::ScopedArray<float2, 2> backward =
+        seg::deviceCopy(vela::arrayFromHostMemory(flow.backward.data(), make_uint2(width_, height_)));
+    vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
+    vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
+    followPoints(from.a, n, forward.a, backward.a, moved.a, kept.a);
+    std::vector<int> keep(n);
+    vela::Array<float2, 1> movedHost = view(positions);
+    vela::Array<int, 1> keepHost = view(keep);
+    vela::arrayCopy(movedHost, moved.a);
+    vela::arrayCopy(keepHost, kept.a);
+
+    std::size_t alive = 0;
+    for (unsigned int i = 0; i < n; ++i) {
+        if (keep[i] == 0) continue;
+        Point p = points_[i];
+        p.fromX = p.x;
+        p.fromY = p.y;
+        p.x = positions[i].x;
+        p.y = positions[i].y;
+        if (recorder_ != nullptr) recorder_->addPoint(p.track, p.x, p.y, static_cast<int>(frame_));
+        points_[alive++] = p;
+    }
+    points_.resize(alive);
+}
+
+void Propagator::addPoints() {
+    const unsigned int spacing = static_cast<unsigned int>(tracker_.trackSpacing);
+    const unsigned int cw = (width_ + spacing - 1) / spacing, ch = (height_ + spacing - 1) / spacing;
+    std::vector<int> counts(static_cast<std::size_t>(cw) * ch, 0);
+    if (!points_.empty()) {
+        const unsigned int n = static_cast<unsigned int>(points_.size());
+        std::vector<float2> positions(n);
+        for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
+        std::vector<int> all(n, 1);
+        const vela::ScopedArray<float2, 1> devicePoints = seg::deviceCopy(view(positions));
+        const vela::ScopedArray<int, 1> kept = seg::deviceCopy(view(all));
+        vela::ScopedArray<int, 2> cells(seg::deviceArray2D<int>(cw, ch));
+        countPointsInCells(devicePoints.a, kept.a, n, spacing, cells.a);
+        vela::Array<int, 2> host = vela::arrayFromHostMemory(counts.data(), make_uint2(cw, ch));
+        vela::arrayCopy(host, cells.a);
+    }
+    // A new point at the centre of each empty cell, within the frame where
+    // the last cell of a row or column is cut short.
+    for (unsigned int cy = 0; cy < ch; ++cy) {
+        for (unsigned int cx = 0; cx < cw; ++cx) {
+            if (counts[static_cast<std::size_t>(cy) * cw + cx] > 0) continue;
+            const float x = std::min((static_cast<float>(cx) + 0.5f) * static_cast<float>(spacing),
+                                     static_cast<float>(width_) - 0.5f);
+            const float y = std::min((static_cast<float>(cy) + 0.5f) * static_cast<float>(spacing),
+                                     static_cast<float>(height_) - 0.5f);
+            Point p{x, y, -1.0f, -1.0f, -1, -1};
+            if (recorder_ != nullptr) {
+                p.track = recorder_->newTrack(-1);
+                recorder_->addPoint(p.track, x, y, static_cast<int>(frame_));
+            }
+            points_.push_back(p);
+        }
+    }
+}
+
+void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool all) {
+    if (points_.empty()) return;
+    const unsigned int n = static_cast<unsigned int>(points_.size());
+    const vela::ScopedArray<int, 2> labels = deviceLabelValues(map, width_, height_);
+    vela::ScopedArray<int, 2> rows(seg::deviceArray2D<int>(width_, height_));
+    vela::ScopedArray<int, 2> sure(seg::deviceArray2D<int>(width_, height_));
+    sureLabels(labels.a, static_cast<unsigned int>(margin), rows.a, sure.a);
+    std::vector<float2> positions(n);
+    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
+    const vela::ScopedArray<float2, 1> devicePoints = seg::deviceCopy(view(positions));
+    vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(n));
+    labelsAtPoints(devicePoints.a, n, sure.a, labels.a, found.a);
+    std::vector<int2> values(n);
+    vela::Array<int2, 1> host = view(values);
+    vela::arrayCopy(host, found.a);
+    for (unsigned int i = 0; i < n; ++i) {
+        Point& p = points_[i];
+        if (all || p.label < 0) p.label = values[i].x;
+        if (recorder_ == nullptr || p.track < 0) continue;
+        // A track without a sure label keeps the label under its point for
+        // the file, until a sure one comes.
+        if (p.label >= 0)
+            recorder_->setLabel(p.track, p.label);
+        else if (values[i].y >= 0)
+            recorder_->setLabel(p.track, values[i].y);
+    }
+}
+
+std::vector<std::uint8_t> Propagator::labelsFromClicks(vela::Array<float4, 2>& device,
+                                                       const std::vector<Click>& clicks) {
+    std::vector<TrackPoints> tracks;
+    for (const Click& click : clicks) {
+        if (!(click.x >= 0.0f && click.y >= 0.0f && click.x < static_cast<float>(width_) &&
+              click.y < static_cast<float>(height_)))
+            throw std::invalid_argument("click (" + std::to_string(click.x) + ", " + std::to_string(click.y) +
+                                        ") of frame " + std::to_string(frame_) + " lies outside the " +
+                                        std::to_string(width_) + " x " + std::to_string(height_) + " frame");
+        if (click.label < 0 || click.label >= kTrackLabelLimit)
+            throw std::invalid_argument("click label " + std::to_string(click.label) + " of frame " +
+                                        std::to_string(frame_) + " is not from 0 to " +
+                                        std::to_string(kTrackLabelLimit - 1));
+        // At its pixel's centre, which the seed reader takes on every pixel.
+        const float x = static_cast<float>(static_cast<int>(click.x)) + 0.5f;
+        const float y = static_cast<float>(static_cast<int>(click.y)) + 0.5f;
+        tracks.push_back(TrackPoints{click.label, {make_float3(x, y, static_cast<float>(frame_))}});
+    }
+    std::vector<float> seedValues(static_cast<std::size_t>(width_) * height_, -1.0f);
+    vela::Array<float, 2> hostSeeds = vela::arrayFromHostMemory(seedValues.data(), make_uint2(width_, height_));
+    FrameSeeds seeds;
+    seedsOfTracks(tracks, frame_, static_cast<int>(width_), static_cast<int>(height_), hostSeeds, seeds.labelIds);
+    const vela::ScopedArray<float, 2> labels = seg::deviceCopy(hostSeeds);
+    seeds.labels = labels.a;
+    // The clicks alone: no frame before, no motion.
+    SegmentationSettings alone = settings_;
+    alone.temporal = 0;
+    FrameSolver seg(device);
+    setLabelColours(seg, seeds.labelIds);
+    segmentFrame(seg, seeds, alone);
+    return labelNumbers(seg.u, seeds.labelIds);
+}
+
+void Propagator::segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation) {
+    std::vector<TrackPoints> tracks;
+    for (const Point& p : points_) {
+        if (p.label < 0) continue;
+        TrackPoints track{p.label, {}};
+        if (p.fromX >= 0.0f) track.points.push_back(make_float3(p.fromX, p.fromY, static_cast<float>(frame_) - 1));
+        track.points.push_back(make_float3(p.x, p.y, static_cast<float>(frame_)));
+        tracks.push_back(std::move(track));
+    }
+    const int w = static_cast<int>(width_), h = static_cast<int>(height_);
+    std::vector<float> seedValues(static_cast<std::size_t>(width_) * height_, -1.0f);
+    vela::Array<float, 2> hostSeeds = vela::arrayFromHostMemory(seedValues.data(), make_uint2(width_, height_));
+    FrameSeeds seeds;
+    solver_.reset();
+    if (seedsOfTracks(tracks, frame_, w, h, hostSeeds, seeds.labelIds) < 1) {
+        // Nothing labelled yet: the background throughout.
+        carry_ = {};
+        labelIds_.clear();
+        labels_.assign(static_cast<std::size_t>(width_) * height_, 0);
+        return;
+    }
+    requireAddressable(width_, height_, seeds.labelIds.size());
+    const vela::ScopedArray<float, 2> labels = seg::deviceCopy(hostSeeds);
+    seeds.labels = labels.a;
+    if (settings_.temporal == 1) seeds.motion = motionOfTracks(tracks, frame_, w, h);
+    solver_ = std::make_unique<FrameSolver>(device);
+    setLabelColours(*solver_, seeds.labelIds);
+    carry_ = segmentFrame(*solver_, seeds, settings_, std::move(carry_));
+    labelIds_ = seeds.labelIds;
+    if (annotation != nullptr) {
+        // The annotation's labels win wherever the frame has a layer for them.
+        std::vector<int> layers(annotation->size(), -1);
+        for (std::size_t i = 0; i < layers.size(); ++i) {
+            const auto found = std::find(labelIds_.begin(), labelIds_.end(), static_cast<int>((*annotation)[i]));
+            if ((*annotation)[i] != kUnlabelled && found != labelIds_.end())
+                layers[i] = static_cast<int>(found - labelIds_.begin());
+        }
+        const vela::ScopedArray<int, 2> deviceLayers =
+            seg::deviceCopy(vela::arrayFromHostMemory(layers.data(), make_uint2(width_, height_)));
+        imposeLayers(solver_->u, deviceLayers.a);
+    }
+    labels_ = labelNumbers(solver_->u, labelIds_);
+}
+
+FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInput& input) {
+    const unsigned int w = image.extents.x, h = image.extents.y;
+    if (frame_ == 0) {
+        requireAddressable(w, h, 1);
+        width_ = w;
+        height_ = h;
+    } else if (w != width_ || h != height_) {
+        throw std::invalid_argument("frame " + std::to_string(frame_) + " is " + std::to_string(w) + " x " +
+                                    std::to_string(h) + " pixels, but the first frame is " + std::to_string(width_) +
+                                    " x " + std::to_string(height_) + "; all frames must have the same size");
+    }
+    if (input.annotation != nullptr && input.annotation->size() != static_cast<std::size_t>(w) * h)
+        throw std::invalid_argument("the annotation of frame " + std::to_string(frame_) + " does not have the frame's " +
+                                    std::to_string(w) + " x " + std::to_string(h) + " pixels");
+    FrameReport report;
+    Clock::time_point start = Clock::now();
+    followTracks(image);
+    report.trackingMs += msSince(start);
+
+    // The solver keeps reading the frame it was made on (the overlay): the
+    // frame lives as long as it.
+    solver_.reset();
+    device_ = seg::deviceCopy(image);
+    vela::ScopedArray<float4, 2>& device = device_;
+    const std::vector<std::uint8_t>* annotation = input.annotation;
+    int margin = tracker_.annotationMargin;
+    std::vector<std::uint8_t> clicked;
+    if (annotation == nullptr && !input.clicks.empty()) {
+        start = Clock::now();
+        clicked = labelsFromClicks(device.a, input.clicks);
+        report.segmentationMs += msSince(start);
+        annotation = &clicked;
+        margin = tracker_.clickMargin;
+    }
+    report.annotated = annotation != nullptr;
+    if (annotation != nullptr) {
+        // From an annotated frame on its labels win: every track through it
+        // takes its label there, and new ones start in the cells without one.
+        start = Clock::now();
+        addPoints();
+        relabel(*annotation, margin, true);
+        report.trackingMs += msSince(start);
+    }
+
+    start = Clock::now();
+    segment(device.a, annotation);
+    report.segmentationMs += msSince(start);
+
+    if (annotation == nullptr) {
+        start = Clock::now();
+        addPoints();
+        if (solver_) relabel(labels_, tracker_.segmentationMargin, false);
+        report.trackingMs += msSince(start);
+    }
+    report.labels = static_cast<unsigned int>(labelIds_.size());
+    report.tracks = static_cast<unsigned int>(points_.size());
+    ++frame_;
+    return report;
+}
+
+}  // namespace propagate

@@ -1,0 +1,102 @@
+// Segmenting a video from an annotated frame (or a few clicks) with tracks the
+// tool makes itself.  Points on a grid follow the optical flow from frame to
+// frame and end where the forward and the backward flow disagree or where they
+// leave the frame; grid cells without a point get a new one.  A track takes
+// its label from an annotation where it passes through one, and otherwise
+// from the segmentation of the frame where it is born; either only away from
+// the boundaries between labels.  Each frame is segmented from the labelled
+// tracks through it, as the program's whole-folder mode segments a frame from
+// a track file.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "src/frame.h"
+#include "src/propagate/optical_flow.h"
+#include "src/propagate/track_recorder.h"
+#include "src/settings.h"
+
+namespace propagate {
+
+// The tracker's own settings, with their configuration keys.
+struct TrackerSettings {
+    int trackSpacing = 4;        // "i trackSpacing": pixels between grid points
+    int annotationMargin = 3;    // "i annotationMargin": no label this near an annotation's boundary
+    int clickMargin = 8;         // "i clickMargin": the same for a frame labelled from clicks
+    int segmentationMargin = 10;  // "i segmentationMargin": the same for a segmented frame
+};
+
+// Annotation values without a label: pixels an annotation leaves open.
+constexpr std::uint8_t kUnlabelled = 255;
+
+struct Click {
+    float x, y;
+    int label;
+};
+
+// What a frame brings besides its pixels: an annotation (W x H label values,
+// row-major, kUnlabelled where open), clicks, both or neither.
+struct FrameInput {
+    const std::vector<std::uint8_t>* annotation = nullptr;
+    std::vector<Click> clicks;
+};
+
+struct FrameReport {
+    unsigned int labels = 0;  // labels seeded in the frame
+    unsigned int tracks = 0;  // tracks through the frame
+    double trackingMs = 0, segmentationMs = 0;
+    bool annotated = false;  // labelled by an annotation or clicks
+};
+
+class Propagator {
+ public:
+    // `recorder` (may be null) receives every track and its points.
+    Propagator(const SegmentationSettings& settings, const TrackerSettings& tracker, TrackRecorder* recorder);
+    ~Propagator();
+    Propagator(const Propagator&) = delete;
+    Propagator& operator=(const Propagator&) = delete;
+
+    // Segments the next frame (a host W x H image, R, G and B in 0 to 255;
+    // every frame must have the first one's size).  labels() then holds its
+    // label values and solver() its solved labelling, until the next frame.
+    FrameReport next(const vela::Array<float4, 2>& image, const FrameInput& input);
+
+    // The frame's label value per pixel, row-major (0 throughout a frame
+    // before any label is known).
+    const std::vector<std::uint8_t>& labels() const { return labels_; }
+    // The frame's solver with its labelling and label colours; null for a
+    // frame before any label is known.
+    FrameSolver* solver() { return solver_.get(); }
+    const std::vector<int>& labelIds() const { return labelIds_; }
+
+ private:
+    struct Point {
+        float x, y;
+        float fromX, fromY;  // in the frame before; x < 0 for a point born in this frame
+        int track;           // in the recorder (or -1 without one)
+        int label;           // -1 until known
+    };
+    void followTracks(const vela::Array<float4, 2>& image);
+    std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device,
+                                               const std::vector<Click>& clicks);
+    void relabel(const std::vector<std::uint8_t>& annotation, int margin, bool all);
+    void addPoints();
+    void segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation);
+
+    SegmentationSettings settings_;
+    TrackerSettings tracker_;
+    TrackRecorder* recorder_;
+    OpticalFlow flow_;
+    unsigned int width_ = 0, height_ = 0, frame_ = 0;
+    std::vector<Point> points_;
+    std::vector<std::uint8_t> labels_;
+    std::vector<int> labelIds_;
+    vela::ScopedArray<float4, 2> device_;  // the frame, on the device
+    std::unique_ptr<FrameSolver> solver_;
+    video::Carry carry_;
+};
+
+}  // namespace propagate
