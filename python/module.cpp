@@ -34,6 +34,8 @@
 #include "src/dataterms/probability_cost.h"
 #include "src/driver/config.h"
 #include "src/driver/settings_file.h"
+#include "src/propagate/inputs.h"
+#include "src/propagate/propagator.h"
 #include "src/driver/tracks.h"
 #include "src/engine_arrays.h"
 #include "src/frame.h"
@@ -59,6 +61,7 @@ using Layers = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::c
 using Points = nb::ndarray<const float, nb::ndim<3>, nb::c_contig, nb::device::cpu>;
 using Visible = nb::ndarray<const std::uint8_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
 using TrackLabels = nb::ndarray<const std::int32_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Clicks = nb::ndarray<const float, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
 // One configuration entry: type letter ("i", "f", "c" or "s"), key, value.
 using Entry = std::tuple<std::string, std::string, nb::object>;
 
@@ -70,17 +73,24 @@ nb::ndarray<nb::numpy, T> ownedArray(std::vector<T>&& values, std::initializer_l
 }
 
 // The frame as the program builds it: three float planes, converted to a host
-// float4 image and copied into a pitched device image.
-vela::ScopedArray<float4, 2> deviceImage(const float* interleaved, unsigned int w, unsigned int h) {
+// float4 image (in `pixels`)...
+vela::Array<float4, 2> hostImage(const float* interleaved, unsigned int w, unsigned int h,
+                                 std::vector<float4>& pixels) {
     const std::size_t plane = static_cast<std::size_t>(w) * h;
     std::vector<float> planes(3 * plane);
     for (std::size_t i = 0; i < plane; ++i)
         for (int c = 0; c < 3; ++c) planes[c * plane + i] = interleaved[3 * i + c];
     const vela::Array<float, 3> planar = vela::arrayFromHostMemory(planes.data(), w, h, 3u);
-    std::vector<float4> pixels(plane);
+    pixels.resize(plane);
     vela::Array<float4, 2> host = vela::arrayFromHostMemory(pixels.data(), make_uint2(w, h));
     vela::convert(host, planar, 1.0f, kDefaultStream);
-    return seg::deviceCopy(host);
+    return host;
+}
+
+// ... and copied into a pitched device image.
+vela::ScopedArray<float4, 2> deviceImage(const float* interleaved, unsigned int w, unsigned int h) {
+    std::vector<float4> pixels;
+    return seg::deviceCopy(hostImage(interleaved, w, h, pixels));
 }
 
 // The label image of the engine: the index as a float, -1 where no seed lies.
@@ -455,6 +465,59 @@ class Video {
     video::Carry carry_;
 };
 
+// A video propagated from annotations or clicks with tracks made from the
+// optical flow, frame after frame (src/propagate/propagator.h).  It holds the
+// tracks through the current frame and nothing of the frames before.
+class Propagation {
+ public:
+    explicit Propagation(const std::vector<Entry>& entries) {
+        const ConfigMap config = configOf(entries);
+        SegmentationSettings settings;
+        propagate::TrackerSettings tracker;
+        std::string error;
+        if (!propagate::propagationSettings(config, settings, tracker, error)) throw nb::value_error(error.c_str());
+        propagator_ = std::make_unique<propagate::Propagator>(settings, tracker, nullptr);
+    }
+
+    // The next frame (H x W x 3) with its annotation (H x W label values,
+    // 255 open) and clicks (x, y, label rows), either may be None: the frame's
+    // H x W int32 label values.
+    nb::ndarray<nb::numpy, std::int32_t> next(const Image& image, std::optional<Visible> annotation,
+                                              std::optional<Clicks> clicks) {
+        const std::size_t h = image.shape(0), w = image.shape(1);
+        if (h < 1 || w < 1 || image.shape(2) != 3) throw nb::value_error("a frame must be H x W x 3, not empty");
+        if (annotation && (annotation->shape(0) != h || annotation->shape(1) != w))
+            throw nb::value_error("an annotation must have its frame's height and width");
+        if (clicks && clicks->shape(1) != 3) throw nb::value_error("clicks must be rows of x, y and label");
+        std::vector<std::int32_t> result(w * h);
+        {
+            nb::gil_scoped_release released;
+            std::lock_guard<std::mutex> lock(engineMutex);
+            std::vector<float4> pixels;
+            const vela::Array<float4, 2> host =
+                hostImage(image.data(), static_cast<unsigned int>(w), static_cast<unsigned int>(h), pixels);
+            propagate::FrameInput input;
+            std::vector<std::uint8_t> values;
+            if (annotation) {
+                values.assign(annotation->data(), annotation->data() + w * h);
+                input.annotation = &values;
+            }
+            if (clicks)
+                for (std::size_t i = 0; i < clicks->shape(0); ++i) {
+                    const float* row = clicks->data() + 3 * i;
+                    input.clicks.push_back(propagate::Click{row[0], row[1], static_cast<int>(row[2])});
+                }
+            propagator_->next(host, input);
+            const std::vector<std::uint8_t>& labels = propagator_->labels();
+            std::copy(labels.begin(), labels.end(), result.begin());
+        }
+        return ownedArray(std::move(result), {h, w});
+    }
+
+ private:
+    std::unique_ptr<propagate::Propagator> propagator_;
+};
+
 std::pair<nb::ndarray<nb::numpy, std::uint8_t>, std::optional<nb::ndarray<nb::numpy, std::uint8_t>>> render(
     const Indices& labels, const std::vector<int>& labelIds, std::optional<Image> image, float alpha) {
     const std::size_t h = labels.shape(0), w = labels.shape(1);
@@ -530,6 +593,11 @@ NB_MODULE(_core, m) {
              nb::arg("points"), nb::arg("visible"), nb::arg("track_labels"), nb::arg("entries"))
         .def("segment", &Video::segment, nb::arg("image"), nb::arg("t"),
              "Frame t (float32 H x W x 3): its track labels and whether it started from the frame before.");
+    nb::class_<Propagation>(m, "Propagation",
+                            "A video propagated from annotations or clicks with tracks made from the optical flow.")
+        .def(nb::init<const std::vector<Entry>&>(), nb::arg("entries"))
+        .def("next", &Propagation::next, nb::arg("image"), nb::arg("annotation").none(), nb::arg("clicks").none(),
+             "Segments the next frame: H x W int32 label values.");
     m.def("setting_keys", &settingKeyTable,
           "Every configuration key of the settings: (key, type letter, the engine's default).");
     m.def("render", &render, nb::arg("labels"), nb::arg("label_ids"), nb::arg("image").none(), nb::arg("alpha"),

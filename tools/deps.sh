@@ -24,7 +24,7 @@ vela_ensure_packages() {
 }
 
 vela_build_packages() {
-    vela_ensure_packages cmake make g++ libgtest-dev libbenchmark-dev libpng-dev libturbojpeg0-dev parallel
+    vela_ensure_packages cmake make g++ libgtest-dev libbenchmark-dev libpng-dev libturbojpeg0-dev libopencv-video-dev parallel
 }
 
 # Python 3 with venv and the headers for building the package's extension;

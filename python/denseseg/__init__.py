@@ -8,7 +8,8 @@ map the program computes with the same settings.
 :func:`segment` turns sparse seeds into a labelling, with the recommended
 settings (:data:`RECOMMENDED`) unless told otherwise; :func:`segment_video`
 does it for the frames of a video from its tracks, each frame starting from
-the one before; :func:`refine` cleans up per-label probabilities from any
+the one before; :func:`propagate` segments a video from one annotated frame
+(or a few clicks) with tracks it makes from the optical flow; :func:`refine` cleans up per-label probabilities from any
 other method with the engine's edge-weighted total variation.
 
 Examples
@@ -22,6 +23,7 @@ Examples
 
 from __future__ import annotations
 
+import collections.abc
 import math
 import numbers
 import operator
@@ -38,8 +40,10 @@ __all__ = [
     "MAX_LABELS",
     "RECOMMENDED",
     "TRACK_LABEL_LIMIT",
+    "UNLABELLED",
     "backend",
     "iter_segment_video",
+    "propagate",
     "read_image",
     "refine",
     "render",
@@ -710,6 +714,155 @@ def _segmented_frames(video, frames, rows: int):
         yield labels
     if count and count != rows:
         raise ValueError(f"points must hold one row per frame: {count} frames, {rows} rows")
+
+
+# The tracker's settings of propagate(): keyword, configuration key, and the
+# default (those of src/propagate/propagator.h, which checks the values).
+_TRACKER_SETTINGS = (
+    ("track_spacing", "trackSpacing", 4),
+    ("annotation_margin", "annotationMargin", 3),
+    ("click_margin", "clickMargin", 8),
+    ("segmentation_margin", "segmentationMargin", 10),
+)
+_TRACKER_ENTRY_OF = {keyword: key for keyword, key, _ in _TRACKER_SETTINGS}
+# Annotation values: labels below TRACK_LABEL_LIMIT, and this one for pixels
+# an annotation leaves open.
+UNLABELLED = 255
+
+
+def propagate(frames, annotations, **settings):
+    """Segments every frame of a video from annotated frames or clicks, with
+    point tracks made from the optical flow, and yields each frame's H x W
+    int32 label map (the annotation's values) as soon as it is ready.
+
+    Points on a grid follow the optical flow from frame to frame and end where
+    the forward and backward flow disagree or where they leave the frame; grid
+    cells without a point get a new one.  A track passing an annotated frame
+    takes the annotation's value at its point (away from the annotation's
+    boundaries); a track born later takes the label of the segmentation where
+    it is born, where that segmentation is sure.  Each frame is then
+    segmented from its labelled tracks, as :func:`segment` segments a frame
+    from seeds; an annotated frame keeps its annotation's labels.  This is
+    the program ``denseseg-propagate`` frame by frame.
+
+    Only what the next frame needs is held, so ``frames`` may be a generator
+    and the memory stays flat however long the video.
+
+    Parameters
+    ----------
+    frames : iterable of array_like
+        The frames in order, each as :func:`segment` takes an image, all of
+        one size.
+    annotations : mapping or array_like
+        Either a mapping from frame index to an H x W label map (integers:
+        0 the background, 1 to ``TRACK_LABEL_LIMIT - 1`` objects,
+        ``UNLABELLED`` (255) where unknown), or clicks: an N x 4 array of
+        ``frame, x, y, label`` rows (pixel coordinates).  A clicked frame is
+        first segmented from its clicks alone (give the background clicks of
+        label 0 too), and that labelling serves as its annotation.  From an
+        annotated frame on, its labels win.  Frames before the first
+        annotation are background throughout.
+    track_spacing : int, optional
+        Pixels between grid points, 1 to 64 (4; ``trackSpacing``).
+    annotation_margin, click_margin, segmentation_margin : int, optional
+        How far from a boundary of an annotation (3), of a labelling made
+        from clicks (8) or of a segmented frame (10) a track takes a label
+        there, 0 to 64 pixels (``annotationMargin``, ``clickMargin``,
+        ``segmentationMargin``).
+    **settings
+        Any keyword of :func:`segment_video`; by default the recommended
+        settings with ``temporal=0`` (``configs/propagate.cfg``): the tracks
+        carry the labels from frame to frame.
+
+    Yields
+    ------
+    labels : numpy.ndarray
+        H x W int32 label values per frame.
+
+    Raises
+    ------
+    TypeError, ValueError
+        For an unknown keyword, a bad value, a frame or annotation of the
+        wrong shape or type, an annotation value outside the labels, a click
+        outside its frame, or an annotation for a frame the video does not
+        reach (when it ends).
+    """
+    unknown = sorted(set(settings) - set(_ENTRY_OF) - set(_TRACKER_ENTRY_OF))
+    if unknown:
+        raise TypeError(f"got unexpected keyword arguments {unknown}")
+    entries = _entries({k: v for k, v in settings.items() if k in _ENTRY_OF})
+    for keyword, key, _ in _TRACKER_SETTINGS:
+        if keyword in settings:
+            entries.append(("i", key, _integer(keyword, settings[keyword], 0, 64)))
+    by_frame, clicked = _annotations(annotations)
+    propagation = _core.Propagation(entries)
+    return _propagated(propagation, frames, by_frame, clicked)
+
+
+def _annotations(annotations):
+    """The annotations as {frame: uint8 label map} or {frame: float32 rows of
+    x, y, label}."""
+    if isinstance(annotations, collections.abc.Mapping):
+        by_frame = {}
+        for frame, labels in annotations.items():
+            frame = _integer("an annotation's frame index", frame, 0, _INT32_MAX)
+            array = np.asarray(labels)
+            if array.ndim != 2 or array.size == 0:
+                raise ValueError(f"annotations[{frame}] must be an H x W label map")
+            if not (np.issubdtype(array.dtype, np.integer) or array.dtype == np.bool_):
+                raise TypeError(f"annotations[{frame}] must hold integers, got {array.dtype}")
+            bad = (array < 0) | ((array >= TRACK_LABEL_LIMIT) & (array != UNLABELLED))
+            if bad.any():
+                raise ValueError(f"annotations[{frame}] must hold labels from 0 to {TRACK_LABEL_LIMIT - 1} "
+                                 f"or {UNLABELLED}, found {int(array[bad].flat[0])}")
+            by_frame[frame] = np.ascontiguousarray(array, dtype=np.uint8)
+        if not by_frame:
+            raise ValueError("annotations must annotate at least one frame")
+        return by_frame, {}
+    rows = np.asarray(annotations, dtype=np.float64)
+    if rows.ndim != 2 or rows.shape[1] != 4 or rows.shape[0] == 0:
+        raise ValueError("annotations must be a mapping from frame index to label map, or clicks: "
+                         "N x 4 rows of frame, x, y, label")
+    if not np.isfinite(rows).all():
+        raise ValueError("clicks must be finite numbers")
+    frames, labels = rows[:, 0], rows[:, 3]
+    if (frames < 0).any() or (frames != np.floor(frames)).any():
+        raise ValueError("a click's frame must be a frame index (a whole number from 0)")
+    if (labels < 0).any() or (labels >= TRACK_LABEL_LIMIT).any() or (labels != np.floor(labels)).any():
+        raise ValueError(f"a click's label must be a whole number from 0 to {TRACK_LABEL_LIMIT - 1}")
+    clicked = {}
+    for frame in np.unique(frames):
+        mine = rows[frames == frame]
+        clicked[int(frame)] = np.ascontiguousarray(mine[:, 1:], dtype=np.float32)
+    return {}, clicked
+
+
+def _propagated(propagation, frames, by_frame, clicked):
+    # The generator behind propagate(), which checks its arguments when called.
+    shape = None
+    count = 0
+    for t, frame in enumerate(frames):
+        frame = _image(frame, f"frames[{t}]")
+        if shape is None:
+            shape = frame.shape
+        elif frame.shape != shape:
+            raise ValueError(f"frames must all have one size, the first's {shape[:2]}")
+        annotation = by_frame.get(t)
+        if annotation is not None and annotation.shape != shape[:2]:
+            raise ValueError(f"annotations[{t}] is {annotation.shape[1]} x {annotation.shape[0]}, "
+                             f"but the frames are {shape[1]} x {shape[0]}")
+        clicks = clicked.get(t)
+        if clicks is not None:
+            outside = (clicks[:, 0] < 0) | (clicks[:, 1] < 0) | (clicks[:, 0] >= shape[1]) | (clicks[:, 1] >= shape[0])
+            if outside.any():
+                x, y = clicks[outside][0, :2]
+                raise ValueError(f"the click at ({x}, {y}) of frame {t} lies outside the "
+                                 f"{shape[1]} x {shape[0]} frame")
+        count = t + 1
+        yield propagation.next(frame, annotation, clicks)
+    late = sorted(f for f in list(by_frame) + list(clicked) if f >= count)
+    if late:
+        raise ValueError(f"annotations or clicks for frame {late[0]}, but the video has {count} frames")
 
 
 def refine(

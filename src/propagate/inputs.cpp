@@ -115,23 +115,27 @@ std::map<unsigned int, std::vector<Click>> readClicks(const std::string& path, s
     return clicks;
 }
 
-bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings,
-                             TrackerSettings& tracker, std::string& error) {
+bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, TrackerSettings& tracker,
+                         std::string& error) {
     ConfigMap config, over;
     std::istringstream recommended(kRecommendedConfig), propagate(kPropagateConfig);
     if (!parseConfigStream(recommended, "configs/recommended.cfg", config, error) ||
         !parseConfigStream(propagate, "configs/propagate.cfg", over, error))
         return false;
     for (const auto& [key, value] : over) config[key] = value;
-    if (!configPath.empty()) {
-        if (!parseConfigINI(configPath, over, error)) return false;
-        for (const auto& [key, value] : over) config[key] = value;
-    }
+    for (const auto& [key, value] : user) config[key] = value;
     return readSegmentationSettings(config, settings, error) &&
            readIntKey(config, "trackSpacing", 1, 64, tracker.trackSpacing, error) &&
            readIntKey(config, "annotationMargin", 0, 64, tracker.annotationMargin, error) &&
            readIntKey(config, "clickMargin", 0, 64, tracker.clickMargin, error) &&
            readIntKey(config, "segmentationMargin", 0, 64, tracker.segmentationMargin, error);
+}
+
+bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings,
+                             TrackerSettings& tracker, std::string& error) {
+    ConfigMap user;
+    if (!configPath.empty() && !parseConfigINI(configPath, user, error)) return false;
+    return propagationSettings(user, settings, tracker, error);
 }
 
 }  // namespace propagate

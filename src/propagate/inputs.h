@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "src/driver/config.h"
 #include "src/propagate/propagator.h"
 
 namespace propagate {
@@ -34,9 +35,12 @@ std::map<unsigned int, std::vector<Click>> readClicks(const std::string& path, s
                                                       int h);
 
 // The settings: configs/recommended.cfg, then configs/propagate.cfg, then the
-// lines of `configPath` (none when empty), a later line of a key winning.  Returns false with
-// `error` naming the file and key on a bad value.
+// lines of `configPath` (none when empty), a later line of a key winning.
+// Returns false with `error` naming the file and key on a bad value.
 bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings,
                              TrackerSettings& tracker, std::string& error);
+// The same with the entries of `user` in place of a file's.
+bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, TrackerSettings& tracker,
+                         std::string& error);
 
 }  // namespace propagate
