@@ -87,49 +87,81 @@ struct countPoints_kernel {
     }
 };
 
-// The square test in two passes: along the row, then along the column of
-// the rows' results (a square is uniform when each of its rows is uniform
-// with one and the same label).
-struct uniformRows_kernel {
+// The radius in two passes: along the row, then along the column of the
+// rows' radii (a square of radius r is uniform when each of its 2 r + 1 rows
+// is, with one and the same label, to radius r).
+struct rowRadius_kernel {
     VELA_HD void operator()(const Thread& t, Array<int, 2> labels, unsigned int margin, Array<int, 2> rows) const {
         const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
         const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
         const unsigned int w = labels.extents.x;
         if (x >= w || y >= labels.extents.y) return;
         const int label = vela::at(labels, x, y);
-        const unsigned int from = x > margin ? x - margin : 0, to = x + margin < w ? x + margin : w - 1;
-        int result = label < 0 ? -1 : label;
-        for (unsigned int i = from; i <= to && result >= 0; ++i)
-            if (vela::at(labels, i, y) != label) result = -1;
-        vela::at(rows, x, y) = result;
+        int r = -1;
+        if (label >= 0) {
+            r = 0;
+            for (unsigned int d = 1; d <= margin; ++d) {
+                if (x >= d && vela::at(labels, x - d, y) != label) break;
+                if (x + d < w && vela::at(labels, x + d, y) != label) break;
+                r = static_cast<int>(d);
+            }
+        }
+        vela::at(rows, x, y) = r;
     }
 };
 
-struct uniformColumns_kernel {
-    VELA_HD void operator()(const Thread& t, Array<int, 2> rows, unsigned int margin, Array<int, 2> sure) const {
+struct columnRadius_kernel {
+    VELA_HD void operator()(const Thread& t, Array<int, 2> labels, Array<int, 2> rows, unsigned int margin,
+                            Array<int, 2> radius) const {
         const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
         const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
-        const unsigned int h = rows.extents.y;
-        if (x >= rows.extents.x || y >= h) return;
-        const int label = vela::at(rows, x, y);
-        const unsigned int from = y > margin ? y - margin : 0, to = y + margin < h ? y + margin : h - 1;
-        int result = label;
-        for (unsigned int j = from; j <= to && result >= 0; ++j)
-            if (vela::at(rows, x, j) != label) result = -1;
-        vela::at(sure, x, y) = result;
+        const unsigned int h = labels.extents.y;
+        if (x >= labels.extents.x || y >= h) return;
+        const int label = vela::at(labels, x, y);
+        // The smallest row radius over the rows so far bounds the square's.
+        int least = vela::at(rows, x, y), r = least < 0 ? -1 : 0;
+        for (unsigned int d = 1; d <= margin && static_cast<int>(d) <= least; ++d) {
+            if (y >= d) {
+                if (vela::at(labels, x, y - d) != label) break;
+                least = vela::at(rows, x, y - d) < least ? vela::at(rows, x, y - d) : least;
+            }
+            if (y + d < h) {
+                if (vela::at(labels, x, y + d) != label) break;
+                least = vela::at(rows, x, y + d) < least ? vela::at(rows, x, y + d) : least;
+            }
+            if (least < static_cast<int>(d)) break;
+            r = static_cast<int>(d);
+        }
+        vela::at(radius, x, y) = r;
+    }
+};
+
+struct countRadii_kernel {
+    VELA_HD void operator()(const Thread& t, Array<int, 2> labels, Array<int, 2> radius, Array<int, 2> counts) const {
+        const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+        if (x >= labels.extents.x || y >= labels.extents.y) return;
+        const int label = vela::at(labels, x, y), r = vela::at(radius, x, y);
+        if (label < 0 || label >= static_cast<int>(counts.extents.y)) return;
+        for (int i = 0; i <= r && i < static_cast<int>(counts.extents.x); ++i)
+            vela::device::addAtomic(&vela::at(counts, static_cast<unsigned int>(i), static_cast<unsigned int>(label)),
+                                    1);
     }
 };
 
 struct labelsAtPoints_kernel {
-    VELA_HD void operator()(const Thread& t, Array<float2, 1> points, unsigned int n, Array<int, 2> sure,
-                            Array<int, 2> labels, Array<int2, 1> found) const {
+    VELA_HD void operator()(const Thread& t, Array<float2, 1> points, unsigned int n, Array<int, 2> labels,
+                            Array<int, 2> radius, Array<int, 1> margins, Array<int2, 1> found) const {
         const unsigned int i = pointIndex(t);
         if (i >= n) return;
         const float2 p = vela::at(points, i);
         int2 result = make_int2(-1, -1);
         if (inFrame(p, labels.extents.x, labels.extents.y)) {
             const unsigned int x = static_cast<unsigned int>(p.x), y = static_cast<unsigned int>(p.y);
-            result = make_int2(vela::at(sure, x, y), vela::at(labels, x, y));
+            const int label = vela::at(labels, x, y);
+            const bool sure = label >= 0 && static_cast<unsigned int>(label) < margins.extents.x &&
+                              vela::at(radius, x, y) >= vela::at(margins, static_cast<unsigned int>(label));
+            result = make_int2(sure ? label : -1, label < 0 ? -1 : label);
         }
         vela::at(found, i) = result;
     }
@@ -177,19 +209,29 @@ void countPointsInCells(const Array<float2, 1>& points, const Array<int, 1>& kep
     check(__LINE__);
 }
 
-void sureLabels(const Array<int, 2>& labels, unsigned int margin, Array<int, 2>& rows, Array<int, 2>& sure) {
+void uniformRadius(const Array<int, 2>& labels, unsigned int margin, Array<int, 2>& rows, Array<int, 2>& radius) {
     const unsigned int w = labels.extents.x, h = labels.extents.y;
     if (w == 0 || h == 0) return;
-    vela::device::launch<uniformRows_kernel>(pixelGrid(w, h), dim3(kBlockX, kBlockY), nullptr, labels, margin, rows);
-    vela::device::launch<uniformColumns_kernel>(pixelGrid(w, h), dim3(kBlockX, kBlockY), nullptr, rows, margin, sure);
+    vela::device::launch<rowRadius_kernel>(pixelGrid(w, h), dim3(kBlockX, kBlockY), nullptr, labels, margin, rows);
+    vela::device::launch<columnRadius_kernel>(pixelGrid(w, h), dim3(kBlockX, kBlockY), nullptr, labels, rows, margin,
+                                              radius);
     check(__LINE__);
 }
 
-void labelsAtPoints(const Array<float2, 1>& points, unsigned int n, const Array<int, 2>& sure,
-                    const Array<int, 2>& labels, Array<int2, 1>& found) {
+void countRadii(const Array<int, 2>& labels, const Array<int, 2>& radius, Array<int, 2>& counts) {
+    vela::Array<int, 4> all = vela::internal::increaseArrayDimension(counts);
+    vela::set(all, 0);
+    const unsigned int w = labels.extents.x, h = labels.extents.y;
+    if (w == 0 || h == 0) return;
+    vela::device::launch<countRadii_kernel>(pixelGrid(w, h), dim3(kBlockX, kBlockY), nullptr, labels, radius, counts);
+    check(__LINE__);
+}
+
+void labelsAtPoints(const Array<float2, 1>& points, unsigned int n, const Array<int, 2>& labels,
+                    const Array<int, 2>& radius, const Array<int, 1>& margins, Array<int2, 1>& found) {
     if (n == 0) return;
-    vela::device::launch<labelsAtPoints_kernel>(pointGrid(n), dim3(kPointBlock), nullptr, points, n, sure, labels,
-                                                found);
+    vela::device::launch<labelsAtPoints_kernel>(pointGrid(n), dim3(kPointBlock), nullptr, points, n, labels, radius,
+                                                margins, found);
     check(__LINE__);
 }
 

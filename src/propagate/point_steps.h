@@ -33,17 +33,23 @@ void followPoints(const vela::Array<float2, 1>& points, unsigned int n, const ve
 void countPointsInCells(const vela::Array<float2, 1>& points, const vela::Array<int, 1>& kept, unsigned int n,
                         unsigned int spacing, vela::Array<int, 2>& cells);
 
-// The label of each pixel of `labels` (W x H, negative for none) where every
-// pixel within `margin` pixels (the (2 margin + 1)-pixel square, clipped to
-// the frame) has the same label, -1 elsewhere, into `sure`.  `rows` is W x H
-// scratch.
-void sureLabels(const vela::Array<int, 2>& labels, unsigned int margin, vela::Array<int, 2>& rows,
-                vela::Array<int, 2>& sure);
+// For each pixel of `labels` (W x H, values 0 to 255, negative for none) the
+// largest r <= `margin` such that every pixel within r pixels (the
+// (2 r + 1)-pixel square, clipped to the frame) has its label, into `radius`;
+// -1 for a pixel without a label.  `rows` is W x H scratch.
+void uniformRadius(const vela::Array<int, 2>& labels, unsigned int margin, vela::Array<int, 2>& rows,
+                   vela::Array<int, 2>& radius);
 
-// For each of the n points the value of `sure` and of `labels` at its pixel,
-// (-1, -1) for a point outside the frame, into `found`.
-void labelsAtPoints(const vela::Array<float2, 1>& points, unsigned int n, const vela::Array<int, 2>& sure,
-                    const vela::Array<int, 2>& labels, vela::Array<int2, 1>& found);
+// counts(r, l): the pixels of label l whose radius is r or more, for r from 0
+// to margin (cleared here; margin + 1 x 256).
+void countRadii(const vela::Array<int, 2>& labels, const vela::Array<int, 2>& radius, vela::Array<int, 2>& counts);
+
+// For each of the n points, (label, label) at its pixel where its radius
+// reaches the margin of its label (`margins`, 256 entries), (-1, label)
+// where it does not, and (-1, -1) outside the frame, into `found`.
+void labelsAtPoints(const vela::Array<float2, 1>& points, unsigned int n, const vela::Array<int, 2>& labels,
+                    const vela::Array<int, 2>& radius, const vela::Array<int, 1>& margins,
+                    vela::Array<int2, 1>& found);
 
 // Makes the W x H x L labelling `u` hold layer `layers`(x, y) wholly (1 there,
 // 0 in the others) at each pixel where that index is not negative.

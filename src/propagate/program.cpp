@@ -130,9 +130,9 @@ int run(const Arguments& args) {
         const FrameReport report = propagator.next(image.a, input);
         const std::string name = fs::path(frames[i]).stem().string();
         writeFrame(propagator, w, (fs::path(args.out) / name).string(), written);
-        std::printf("frame %zu/%zu %s: %u labels, %u tracks, tracking %.1f ms, segmentation %.1f ms%s\n", i + 1,
+        std::printf("frame %zu/%zu %s: %u labels, %u tracks, tracking %.1f ms, segmentation %.1f ms\n", i + 1,
                     frames.size(), name.c_str(), report.labels, report.tracks, report.trackingMs,
-                    report.segmentationMs, report.annotated ? " (annotated)" : "");
+                    report.segmentationMs);
         std::fflush(stdout);
     }
     written.add(tracksPath);

@@ -15,6 +15,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Label values a map can hold, and the share of a label's pixels that its
+// margin must leave sure.
+constexpr unsigned int kLabelValues = 256;
+constexpr double kSureShare = 0.125;
+
 double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
@@ -114,16 +119,35 @@ void Propagator::addPoints() {
 
 void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool all) {
     if (points_.empty()) return;
-    const unsigned int n = static_cast<unsigned int>(points_.size());
+    const unsigned int n = static_cast<unsigned int>(points_.size()), m = static_cast<unsigned int>(margin);
     const vela::ScopedArray<int, 2> labels = deviceLabelValues(map, width_, height_);
     vela::ScopedArray<int, 2> rows(seg::deviceArray2D<int>(width_, height_));
-    vela::ScopedArray<int, 2> sure(seg::deviceArray2D<int>(width_, height_));
-    sureLabels(labels.a, static_cast<unsigned int>(margin), rows.a, sure.a);
+    vela::ScopedArray<int, 2> radius(seg::deviceArray2D<int>(width_, height_));
+    uniformRadius(labels.a, m, rows.a, radius.a);
+
+    // Each label's margin: the largest up to `margin` that leaves it at least
+    // kSureShare of its pixels, so that a thin object keeps tracks too.
+    vela::ScopedArray<int, 2> deviceCounts(seg::deviceArray2D<int>(m + 1, kLabelValues));
+    countRadii(labels.a, radius.a, deviceCounts.a);
+    std::vector<int> counts(static_cast<std::size_t>(m + 1) * kLabelValues);
+    vela::Array<int, 2> countsHost = vela::arrayFromHostMemory(counts.data(), make_uint2(m + 1, kLabelValues));
+    vela::arrayCopy(countsHost, deviceCounts.a);
+    std::vector<int> margins(kLabelValues, 0);
+    for (unsigned int l = 0; l < kLabelValues; ++l) {
+        const int* row = &counts[static_cast<std::size_t>(l) * (m + 1)];
+        for (unsigned int r = m; r > 0; --r)
+            if (row[r] >= kSureShare * row[0]) {
+                margins[l] = static_cast<int>(r);
+                break;
+            }
+    }
+    const vela::ScopedArray<int, 1> deviceMargins = seg::deviceCopy(view(margins));
+
     std::vector<float2> positions(n);
     for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
     const vela::ScopedArray<float2, 1> devicePoints = seg::deviceCopy(view(positions));
     vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(n));
-    labelsAtPoints(devicePoints.a, n, sure.a, labels.a, found.a);
+    labelsAtPoints(devicePoints.a, n, labels.a, radius.a, deviceMargins.a, found.a);
     std::vector<int2> values(n);
     vela::Array<int2, 1> host = view(values);
     vela::arrayCopy(host, found.a);
@@ -187,7 +211,23 @@ void Propagator::segment(vela::Array<float4, 2>& device, const std::vector<std::
     vela::Array<float, 2> hostSeeds = vela::arrayFromHostMemory(seedValues.data(), make_uint2(width_, height_));
     FrameSeeds seeds;
     solver_.reset();
-    if (seedsOfTracks(tracks, frame_, w, h, hostSeeds, seeds.labelIds) < 1) {
+    if (annotation != nullptr) {
+        // An annotated frame is seeded by its annotation, every labelled pixel,
+        // so that it keeps even the objects too thin for a track.
+        std::vector<int> indexOf(kLabelValues, -1);
+        for (std::size_t i = 0; i < annotation->size(); ++i) {
+            const std::uint8_t value = (*annotation)[i];
+            if (value == kUnlabelled) continue;
+            if (indexOf[value] < 0) {
+                indexOf[value] = static_cast<int>(seeds.labelIds.size());
+                seeds.labelIds.push_back(value);
+            }
+            seedValues[i] = static_cast<float>(indexOf[value]);
+        }
+    } else {
+        seedsOfTracks(tracks, frame_, w, h, hostSeeds, seeds.labelIds);
+    }
+    if (seeds.labelIds.empty()) {
         // Nothing labelled yet: the background throughout.
         carry_ = {};
         labelIds_.clear();
@@ -251,7 +291,6 @@ FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInp
         annotation = &clicked;
         margin = tracker_.clickMargin;
     }
-    report.annotated = annotation != nullptr;
     if (annotation != nullptr) {
         // From an annotated frame on its labels win: every track through it
         // takes its label there, and new ones start in the cells without one.

@@ -48,7 +48,6 @@ struct FrameReport {
     unsigned int labels = 0;  // labels seeded in the frame
     unsigned int tracks = 0;  // tracks through the frame
     double trackingMs = 0, segmentationMs = 0;
-    bool annotated = false;  // labelled by an annotation or clicks
 };
 
 class Propagator {

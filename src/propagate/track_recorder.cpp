@@ -10,10 +10,8 @@ namespace propagate {
 
 namespace {
 
-// Points gathered before they go to the scratch file, and the most points
-// held in memory while the track file is assembled.
+// Points gathered before they go to the scratch file.
 constexpr std::size_t kPendingPoints = 1 << 14;
-constexpr std::size_t kBatchPoints = 1 << 20;
 
 void put(std::string& out, float value) {
     char digits[32];
@@ -29,7 +27,8 @@ void put(std::string& out, long long value) {
 
 }  // namespace
 
-TrackRecorder::TrackRecorder(std::string path) : path_(std::move(path)), scratchPath_(partialName(path_ + ".points")) {
+TrackRecorder::TrackRecorder(std::string path, std::size_t batchPoints)
+    : path_(std::move(path)), scratchPath_(partialName(path_ + ".points")), batchPoints_(batchPoints) {
     scratch_ = std::fopen(scratchPath_.c_str(), "w+b");
     if (scratch_ == nullptr) throw std::runtime_error("cannot write " + scratchPath_);
 }
@@ -70,14 +69,14 @@ void TrackRecorder::write(int frameCount) {
         put(text, static_cast<long long>(labels_.size()));
         text += '\n';
         bool ok = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-        // Tracks first .. last - 1 hold at most kBatchPoints points (or are
+        // Tracks first .. last - 1 hold at most batchPoints_ points (or are
         // one longer track); each batch reads the scratch file once.
         std::vector<std::size_t> start;
         std::vector<Point> batch;
         std::vector<Point> buffer(kPendingPoints);
         for (std::size_t first = 0; ok && first < labels_.size();) {
             std::size_t last = first, points = 0;
-            while (last < labels_.size() && (last == first || points + counts_[last] <= kBatchPoints))
+            while (last < labels_.size() && (last == first || points + counts_[last] <= batchPoints_))
                 points += static_cast<std::size_t>(counts_[last++]);
             start.assign(last - first + 1, 0);
             for (std::size_t t = first; t < last; ++t)

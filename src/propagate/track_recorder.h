@@ -13,7 +13,8 @@ namespace propagate {
 class TrackRecorder {
  public:
     // The track file will be `path`; the scratch file lies in its folder.
-    explicit TrackRecorder(std::string path);
+    // Assembling it holds about `batchPoints` points at a time.
+    explicit TrackRecorder(std::string path, std::size_t batchPoints = std::size_t(1) << 20);
     ~TrackRecorder();
     TrackRecorder(const TrackRecorder&) = delete;
     TrackRecorder& operator=(const TrackRecorder&) = delete;
@@ -40,6 +41,7 @@ class TrackRecorder {
     void flush();
 
     std::string path_, scratchPath_;
+    std::size_t batchPoints_;
     std::FILE* scratch_ = nullptr;
     std::vector<int> labels_, counts_;
     std::vector<Point> pending_;

@@ -1,0 +1,169 @@
+#include "src/propagate/point_steps.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "src/engine_arrays.h"
+
+namespace {
+
+using propagate::countPointsInCells;
+using propagate::followPoints;
+using propagate::imposeLayers;
+using propagate::labelsAtPoints;
+using propagate::countRadii;
+using propagate::uniformRadius;
+
+template <class T>
+vela::ScopedArray<T, 1> upload(std::vector<T> values) {
+    return seg::deviceCopy(seg::hostView1D(values.data(), static_cast<unsigned int>(values.size())));
+}
+
+template <class T>
+vela::ScopedArray<T, 2> upload(std::vector<T> values, unsigned int w, unsigned int h) {
+    return seg::deviceCopy(vela::arrayFromHostMemory(values.data(), make_uint2(w, h)));
+}
+
+template <class T>
+std::vector<T> download(const vela::Array<T, 1>& a, std::size_t n) {
+    std::vector<T> values(n);
+    vela::Array<T, 1> host = seg::hostView1D(values.data(), static_cast<unsigned int>(n));
+    vela::arrayCopy(host, a);
+    return values;
+}
+
+template <class T>
+std::vector<T> download(const vela::Array<T, 2>& a, std::size_t n) {
+    std::vector<T> values(n);
+    vela::Array<T, 2> host = vela::arrayFromHostMemory(values.data(), a.extents);
+    vela::arrayCopy(host, a);
+    return values;
+}
+
+template <class T>
+std::vector<T> download(const vela::Array<T, 3>& a, std::size_t n) {
+    std::vector<T> values(n);
+    vela::Array<T, 3> host = vela::arrayFromHostMemory(values.data(), a.extents);
+    vela::arrayCopy(host, a);
+    return values;
+}
+
+// Moves `points` along the fields, which are `forward` and `backward` at every
+// pixel but where `edit` changes them.
+struct Followed {
+    std::vector<float2> moved;
+    std::vector<int> kept;
+};
+template <class Edit>
+Followed follow(const std::vector<float2>& points, float2 forward, float2 backward, Edit edit) {
+    const unsigned int w = 32, h = 24, n = static_cast<unsigned int>(points.size());
+    std::vector<float2> f(w * h, forward), b(w * h, backward);
+    edit(f, b, w);
+    const auto fd = upload(f, w, h), bd = upload(b, w, h);
+    const auto from = upload(points);
+    vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
+    vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
+    followPoints(from.a, n, fd.a, bd.a, moved.a, kept.a);
+    return {download(moved.a, n), download(kept.a, n)};
+}
+
+TEST(FollowPoints, MovesAlongTheFlowAndEndsWhereItLeavesTheFrameOrTheFlowsDisagree) {
+    const std::vector<float2> points = {{5.5f, 5.5f}, {30.5f, 5.5f}, {10.25f, 20.75f}};
+    const Followed shift = follow(points, {2.0f, 1.0f}, {-2.0f, -1.0f}, [](auto&, auto&, unsigned int) {});
+    EXPECT_FLOAT_EQ(shift.moved[0].x, 7.5f);
+    EXPECT_FLOAT_EQ(shift.moved[0].y, 6.5f);
+    EXPECT_FLOAT_EQ(shift.moved[2].x, 12.25f);
+    EXPECT_FLOAT_EQ(shift.moved[2].y, 21.75f);
+    // The second lands past the right edge; the others stay.
+    EXPECT_EQ(shift.kept, std::vector<int>({1, 0, 1}));
+
+    // Where the backward flow does not lead back (the point's landing place
+    // belongs to something else: an occlusion) the track ends.
+    const Followed hidden = follow(points, {2.0f, 1.0f}, {-2.0f, -1.0f}, [](auto&, auto& b, unsigned int w) {
+        for (unsigned int y = 0; y < 24; ++y)
+            for (unsigned int x = 0; x < 10; ++x) b[y * w + x] = {3.0f, 0.0f};
+    });
+    EXPECT_EQ(hidden.kept, std::vector<int>({0, 0, 1}));
+
+    // Beside a motion edge (the flow changes at column 6) the track ends,
+    // though it lands where forward and backward agree.
+    const Followed edge = follow({{6.5f, 5.5f}, {20.5f, 10.5f}}, {1.0f, 0.0f}, {-1.0f, 0.0f},
+                                 [](auto& f, auto& b, unsigned int w) {
+                                     for (unsigned int y = 0; y < 24; ++y)
+                                         for (unsigned int x = 0; x < 6; ++x) {
+                                             f[y * w + x] = {1.0f, 4.0f};
+                                             b[y * w + x] = {-1.0f, -4.0f};
+                                         }
+                                 });
+    EXPECT_FLOAT_EQ(edge.moved[0].x, 7.5f);
+    EXPECT_EQ(edge.kept, std::vector<int>({0, 1}));
+}
+
+TEST(UniformRadius, IsTheLargestUniformSquareAndEachLabelTakesAMarginThatKeepsAnEighthOfIt) {
+    // Columns 0-5 label 1, 6-11 label 2, with an open pixel at (10, 1), and a
+    // one-pixel line of label 3 along row 5.
+    const unsigned int w = 12, h = 7;
+    std::vector<int> labels(w * h);
+    for (unsigned int y = 0; y < h; ++y)
+        for (unsigned int x = 0; x < w; ++x) labels[y * w + x] = y == 5 ? 3 : x < 6 ? 1 : 2;
+    labels[1 * w + 10] = -1;
+    const auto device = upload(labels, w, h);
+    vela::ScopedArray<int, 2> rows(seg::deviceArray2D<int>(w, h)), radius(seg::deviceArray2D<int>(w, h));
+    uniformRadius(device.a, 2, rows.a, radius.a);
+    const std::vector<int> got = download(radius.a, w * h);
+    // Row 3: the radius grows away from the boundary at column 6 and from
+    // the line two rows below; the frame's edge is no boundary.
+    const std::vector<int> row3(got.begin() + 3 * w, got.begin() + 4 * w);
+    EXPECT_EQ(row3, std::vector<int>({1, 1, 1, 1, 1, 0, 0, 1, 1, 1, 1, 1}));
+    const std::vector<int> row0(got.begin(), got.begin() + w);
+    EXPECT_EQ(row0, std::vector<int>({2, 2, 2, 2, 1, 0, 0, 1, 1, 0, 0, 0}));
+    EXPECT_EQ(got[1 * w + 10], -1);
+    EXPECT_EQ(got[5 * w + 3], 0);
+
+    // Per label, the pixels with each radius or more.
+    vela::ScopedArray<int, 2> counts(seg::deviceArray2D<int>(3, 256));
+    countRadii(device.a, radius.a, counts.a);
+    const std::vector<int> c = download(counts.a, 3 * 256);
+    EXPECT_EQ(c[3 * 3 + 0], 12);  // the line: all at radius 0
+    EXPECT_EQ(c[3 * 3 + 1], 0);
+    EXPECT_EQ(c[1 * 3 + 0], 36);
+
+    // At points: sure where the radius reaches the label's margin (the line's
+    // margin is 0, so it is sure everywhere); outside the frame, nothing.
+    std::vector<int> margins(256, 2);
+    margins[3] = 0;
+    const auto marginsOnDevice = upload(margins);
+    const std::vector<float2> points = {{0.5f, 0.5f}, {6.5f, 3.5f}, {3.2f, 5.9f}, {12.0f, 1.0f}};
+    const auto pointsOnDevice = upload(points);
+    vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(4));
+    labelsAtPoints(pointsOnDevice.a, 4, device.a, radius.a, marginsOnDevice.a, found.a);
+    const std::vector<int2> at = download(found.a, 4);
+    EXPECT_EQ(at[0].x, 1);
+    EXPECT_EQ(at[1].x, -1);
+    EXPECT_EQ(at[1].y, 2);
+    EXPECT_EQ(at[2].x, 3);
+    EXPECT_EQ(at[3].x, -1);
+    EXPECT_EQ(at[3].y, -1);
+}
+
+TEST(CountPointsInCells, CountsOnlyKeptPointsInTheirCellsIncludingCutShortOnes) {
+    const std::vector<float2> points = {{1.0f, 1.0f}, {3.9f, 0.5f}, {4.0f, 4.0f}, {9.5f, 5.5f}, {2.0f, 2.0f}};
+    const auto device = upload(points);
+    const auto kept = upload(std::vector<int>{1, 1, 1, 1, 0});
+    // A 10 x 6 frame in 4-pixel cells: 3 x 2 cells, the last ones cut short.
+    vela::ScopedArray<int, 2> cells(seg::deviceArray2D<int>(3, 2));
+    countPointsInCells(device.a, kept.a, 5, 4, cells.a);
+    EXPECT_EQ(download(cells.a, 6), std::vector<int>({2, 0, 0, 0, 1, 1}));
+}
+
+TEST(ImposeLayers, MakesTheGivenLayerWholeAndLeavesOpenPixels) {
+    const unsigned int w = 3, h = 1, labels = 2;
+    std::vector<float> u = {0.2f, 0.6f, 0.5f, 0.8f, 0.4f, 0.5f};  // layer 0 then layer 1
+    auto device = seg::deviceCopy(vela::arrayFromHostMemory(u.data(), w, h, labels));
+    const auto layers = upload(std::vector<int>{1, -1, 0}, w, h);
+    imposeLayers(device.a, layers.a);
+    EXPECT_EQ(download(device.a, 6), std::vector<float>({0.0f, 0.6f, 1.0f, 1.0f, 0.4f, 0.0f}));
+}
+
+}  // namespace

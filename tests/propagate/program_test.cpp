@@ -1,0 +1,206 @@
+// The propagation program run as its own process on a small video: a
+// textured square moving over a textured background.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "image/png_file.h"
+#include "src/driver/tracks.h"
+#include "tests/support/scratch_folder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testsupport::readFile;
+using testsupport::ScratchFolder;
+
+constexpr int kW = 48, kH = 36, kFrames = 6, kSide = 14, kStep = 2;
+
+struct Output {
+    int status;
+    std::string out, err;
+};
+
+// Runs the program in `folder`, its output kept in two files there.  No
+// shell: the arguments reach the program as they are.
+Output runProgram(const std::string& folder, const std::vector<std::string>& args) {
+    const std::string out = folder + "/.stdout", err = folder + "/.stderr";
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        std::vector<char*> argv{const_cast<char*>(PROPAGATE_BINARY)};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr) ||
+            chdir(folder.c_str()) != 0)
+            _exit(127);
+        execv(PROPAGATE_BINARY, argv.data());
+        _exit(127);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
+}
+
+// A fixed noise texture value in 0 to 255.
+int noise(int x, int y, int seed) {
+    unsigned int v = static_cast<unsigned int>(x) * 73856093u ^ static_cast<unsigned int>(y) * 19349663u ^
+                     static_cast<unsigned int>(seed) * 83492791u;
+    v ^= v >> 13;
+    v *= 0x5bd1e995u;
+    v ^= v >> 15;
+    return static_cast<int>(v & 0xFF);
+}
+
+bool inSquare(int x, int y, int t) {
+    const int left = 6 + kStep * t, top = 10;
+    return x >= left && x < left + kSide && y >= top && y < top + kSide;
+}
+
+// Frame t as a PPM: a dark noisy background and a bright noisy square whose
+// texture moves with it.
+std::string frame(int t, int w = kW, int h = kH) {
+    std::string s = "P6\n" + std::to_string(w) + " " + std::to_string(h) + "\n255\n";
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const bool square = inSquare(x, y, t);
+            const int v = square ? 150 + noise(x - kStep * t, y, 1) / 3 : 20 + noise(x, y, 2) / 3;
+            s += {static_cast<char>(v), static_cast<char>(square ? v / 2 : v), static_cast<char>(v)};
+        }
+    return s;
+}
+
+std::vector<std::uint8_t> truth(int t) {
+    std::vector<std::uint8_t> labels(kW * kH, 0);
+    for (int y = 0; y < kH; ++y)
+        for (int x = 0; x < kW; ++x) labels[y * kW + x] = inSquare(x, y, t) ? 7 : 0;
+    return labels;
+}
+
+void writeGrey(const std::string& path, int w, int h, const std::vector<std::uint8_t>& values) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::vector<std::uint8_t> palette(256 * 3);
+    for (int i = 0; i < 256; ++i) palette[3 * i] = palette[3 * i + 1] = palette[3 * i + 2] = static_cast<std::uint8_t>(i);
+    png_file::writePalette(w, h, values, palette, path);
+}
+
+void writeVideo(const ScratchFolder& folder) {
+    for (int t = 0; t < kFrames; ++t) {
+        char name[32];
+        std::snprintf(name, sizeof name, "frames/f_%02d.ppm", t);
+        folder.write(name, frame(t));
+    }
+    writeGrey(folder / "ann/f_00.png", kW, kH, truth(0));
+}
+
+double squareIou(const std::vector<std::uint8_t>& labels, int t) {
+    const std::vector<std::uint8_t> want = truth(t);
+    int both = 0, either = 0;
+    for (std::size_t i = 0; i < want.size(); ++i) {
+        both += labels[i] == 7 && want[i] == 7;
+        either += labels[i] == 7 || want[i] == 7;
+    }
+    return either == 0 ? 1.0 : static_cast<double>(both) / either;
+}
+
+std::size_t filesIn(const std::string& folder) {
+    std::size_t n = 0;
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) ++n;
+    return n;
+}
+
+TEST(PropagateProgram, FollowsTheAnnotatedObjectThroughTheVideoAndWritesEveryResult) {
+    ScratchFolder folder("propagate");
+    writeVideo(folder);
+    const Output run = runProgram(folder.str(), {"frames", "ann", "out"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    // One progress line per frame, in the documented form.
+    EXPECT_EQ(run.out.find("frame 1/6 f_00: 2 labels, "), 0u) << run.out;
+    EXPECT_NE(run.out.find("frame 6/6 f_05: "), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find(" ms, segmentation "), std::string::npos);
+    for (int t = 0; t < kFrames; ++t) {
+        char stem[32];
+        std::snprintf(stem, sizeof stem, "out/f_%02d", t);
+        const png_file::IndexImage labels = png_file::readIndices(folder / (std::string(stem) + ".png"));
+        ASSERT_EQ(labels.width, kW);
+        // The annotated frame keeps its annotation; the square is followed.
+        if (t == 0) {
+            EXPECT_EQ(labels.values, truth(0));
+        }
+        EXPECT_GT(squareIou(labels.values, t), 0.85) << "frame " << t;
+        EXPECT_TRUE(fs::exists(folder / (std::string(stem) + "_dense.ppm")));
+        EXPECT_TRUE(fs::exists(folder / (std::string(stem) + "_overlay.ppm")));
+    }
+    // The tracks, in the program's own format, with both labels.
+    std::vector<TrackPoints> tracks;
+    std::string problem;
+    int frames = 0;
+    ASSERT_TRUE(readTracks(folder / "out/tracks.dat", tracks, problem, frames)) << problem;
+    EXPECT_EQ(frames, kFrames);
+    bool background = false, square = false;
+    for (const TrackPoints& track : tracks) {
+        background |= track.label == 0;
+        square |= track.label == 7 && track.points.size() == static_cast<std::size_t>(kFrames);
+    }
+    EXPECT_TRUE(background && square);
+    EXPECT_EQ(filesIn(folder / "out"), 3u * kFrames + 1);
+}
+
+TEST(PropagateProgram, ClicksStandInForTheAnnotation) {
+    ScratchFolder folder("propagate");
+    writeVideo(folder);
+    folder.write("clicks.txt", "0 12.5 16 7\n0 15 20 7\n0 3 3 0\n0 40 30 0\n0 30 8 0\n");
+    const Output run = runProgram(folder.str(), {"frames", "clicks.txt", "out"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const png_file::IndexImage last = png_file::readIndices(folder / "out/f_05.png");
+    EXPECT_GT(squareIou(last.values, kFrames - 1), 0.8);
+}
+
+// Every refusal: one line naming the fault, a non-zero status, and nothing in
+// the output folder that looks like a result.
+TEST(PropagateProgram, RefusesBadInputWithOneLineAndLeavesNoResult) {
+    ScratchFolder folder("propagate");
+    writeVideo(folder);
+    writeGrey(folder / "small/f_00.png", kW - 1, kH, std::vector<std::uint8_t>((kW - 1) * kH, 0));
+    writeGrey(folder / "stray/f_09.png", kW, kH, truth(0));
+    folder.write("outside.txt", "0 48 3 1\n");
+    folder.write("late.txt", "6 3 3 1\n");
+    folder.write("empty/notes.txt", "x");
+    const struct {
+        std::vector<std::string> args;
+        std::string message;
+    } cases[] = {
+        {{"frames", "small", "out"}, "is 47 x 36 pixels, but the frames are 48 x 36"},
+        {{"frames", "stray", "out"}, "is named after no frame"},
+        {{"frames", "outside.txt", "out"}, "the click lies outside the 48 x 36 frame"},
+        {{"frames", "late.txt", "out"}, "frame 6 is not one of the 6 frames"},
+        {{"empty", "ann", "out"}, "no frames"},
+        {{"frames", "ann", "frames"}, "is an input folder"},
+    };
+    for (const auto& c : cases) {
+        const Output run = runProgram(folder.str(), c.args);
+        EXPECT_EQ(run.status, 1) << c.message;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find("denseseg-propagate: "), 0u) << run.err;
+        EXPECT_EQ(filesIn(folder / "out"), 0u) << c.message;
+    }
+    // Frames of different sizes are found when the odd one is reached: what
+    // was written before it is removed again.
+    folder.write("frames/f_04.ppm", frame(4, kW, kH + 1));
+    const Output sizes = runProgram(folder.str(), {"frames", "ann", "out"});
+    EXPECT_EQ(sizes.status, 1);
+    EXPECT_NE(sizes.err.find("all frames must have the same size"), std::string::npos) << sizes.err;
+    EXPECT_EQ(filesIn(folder / "out"), 0u);
+
+    const Output usage = runProgram(folder.str(), {"frames", "ann"});
+    EXPECT_EQ(usage.status, 2);
+    EXPECT_EQ(usage.err, "usage: denseseg-propagate [--config FILE] FRAMES_DIR ANNOTATIONS OUT_DIR\n");
+}
+
+}  // namespace
