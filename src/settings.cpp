@@ -26,6 +26,7 @@ const std::vector<SettingKey>& settingKeys() {
         {"temporalMotionWeight", &S::temporalMotionWeight, 0, 1e6},
         {"temporalWalkerTolerance", &S::temporalWalkerTolerance, 0, 1},
         {"temporalWalkerRadius", &S::temporalWalkerRadius, 0, 100},
+        {"temporalWalkerWarmStart", &S::temporalWalkerWarmStart, 0, 1},
         {"costFilterRadius", &S::costFilterRadius, 0, 100},
         {"costFilterEpsilon", &S::costFilterEpsilon, 1e-8, 1},
         {"holdSeeds", &S::holdSeeds, 0, 1},

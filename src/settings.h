@@ -78,6 +78,10 @@ struct SegmentationSettings {
     // frame afresh.
     int temporalWalkerRadius = 4;
     float temporalWalkerTolerance = 0.01f;
+    // "temporalWalkerWarmStart": 1, with temporalWalkerRadius 0, the walker
+    // solves every pixel of every frame, starting its conjugate gradients from
+    // the frame before's probabilities, moved; 0, from nothing.
+    int temporalWalkerWarmStart = 0;
 };
 
 // One configuration key of SegmentationSettings: its name, the member it

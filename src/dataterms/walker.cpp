@@ -198,6 +198,14 @@ struct StartOutsideStep {
         return make_float2(0.0f, 0.0f);
     }
 };
+// A warm start: x from the start (clamped to [0, 1]) at every unseeded pixel.
+struct StartFromGuessStep {
+    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
+        if (seedOf(a.labels, x, y, a.x.extents.z) < 0)
+            vela::at(a.x, x, y, l) = fminf(fmaxf(vela::at(a.guess, x, y, l), 0.0f), 1.0f);
+        return make_float2(0.0f, 0.0f);
+    }
+};
 // r = b - A x from there, on the unseeded pixels, and p = r / degree.  Adds
 // r.z and r.r.
 struct ResidualStep {
@@ -317,6 +325,12 @@ class WalkerSteps {
           coefficients_(grid_.z) {}
 
     LabelSums start() { return run<StartStep>(); }
+    // After start(): x from the guess at every unseeded pixel, and the
+    // residual from there.
+    LabelSums warmStart() {
+        run<StartFromGuessStep>();
+        return run<ResidualStep>();
+    }
     // After start() and the freezing of all but the free pixels: x from the
     // guess outside them, the residual there, and from then on the steps run
     // only over `segments`, row segments that hold every free pixel: (x, y)
@@ -503,11 +517,14 @@ WalkerSolve addWalkerCost(PDseg& seg, const vela::Array<float, 2>& labels, const
     vela::ScopedArray<float, 3> p(seg::deviceArray3D<float>(w, h, nLabels));
     vela::ScopedArray<float, 3> q(seg::deviceArray3D<float>(w, h, nLabels));
     const vela::Array<float, 3>* given = start.probabilities;
-    const bool restricted = given != nullptr && given->data != nullptr;
-    if (restricted && (given->extents.x != w || given->extents.y != h || given->extents.z != nLabels))
+    const bool started = given != nullptr && given->data != nullptr;
+    if (started && (given->extents.x != w || given->extents.y != h || given->extents.z != nLabels))
         throw std::runtime_error("addWalkerCost: the start is not W x H x L of the cost map");
+    // With a free radius the start holds outside the region it leaves free;
+    // without one the whole frame is solved from it.
+    const bool restricted = started && start.freeRadius > 0, warm = started && start.freeRadius == 0;
     WalkerSteps steps(
-        WalkerArrays{x.a, r.a, p.a, q.a, restricted ? *given : vela::Array<float, 3>{}, labels, weights.a, diagonal.a});
+        WalkerArrays{x.a, r.a, p.a, q.a, started ? *given : vela::Array<float, 3>{}, labels, weights.a, diagonal.a});
 
     // Preconditioned conjugate gradients, every label's system at once; a
     // label stops counting once its residual is below the tolerance relative
@@ -523,6 +540,8 @@ WalkerSolve addWalkerCost(PDseg& seg, const vela::Array<float, 2>& labels, const
         vela::device::launch<freeze_kernel>(pixels, block, nullptr, diagonal.a, free.a);
         check(__LINE__);
         sums = steps.restrict(activeSegments(diagonal.a));
+    } else if (warm) {
+        sums = steps.warmStart();
     }
     std::vector<double> rz = sums.first;
     std::vector<double> rr = sums.second;

@@ -12,9 +12,10 @@
 // `freeRadius` pixels of where they may not hold
 // (src/dataterms/walker_region.h), from 0 there, keeps them elsewhere as it
 // keeps the seeds (a small part of the frame, a fraction of the time) and
-// stops at temporalWalkerTolerance where that is above 0.  `changed` (W x H,
-// device) is 1 where the frame differs from the one before, where the start
-// does not hold either.
+// stops at temporalWalkerTolerance where that is above 0.  With a free radius
+// of 0 the whole frame is solved, starting from them, to walkerTolerance.
+// `changed` (W x H, device) is 1 where the frame differs from the one before,
+// where the start does not hold either.
 struct WalkerStart {
     const vela::Array<float, 3>* probabilities = nullptr;
     unsigned int freeRadius = 0;

@@ -85,7 +85,8 @@ Start startFrom(const Carry& before, const vela::Array<float4, 2>& image, const 
         start.dual.a = seg::deviceArray3D<float2>(w, h, n);
         moveLayers(start.dual.a, before.dual.a, field.a, from);
     }
-    if (settings.temporalWalkerRadius > 0 && sameExtents(before.walker.a, w, h, previousIds.size())) {
+    const bool walkerStarts = settings.temporalWalkerRadius > 0 || settings.temporalWalkerWarmStart == 1;
+    if (walkerStarts && sameExtents(before.walker.a, w, h, previousIds.size())) {
         start.walker.a = seg::deviceArray3D<float>(w, h, n);
         moveLayers(start.walker.a, before.walker.a, field.a, from, true, even);
     }
