@@ -125,14 +125,14 @@ TEST(PropagationSettings, LayTheFileOverThePropagationDefaultsOverTheRecommended
     propagate::TrackerSettings tracker;
     std::string error;
     ASSERT_TRUE(propagate::readPropagationSettings("", settings, tracker, error)) << error;
-    EXPECT_EQ(settings.temporal, 0);      // the propagation's own default
+    EXPECT_EQ(settings.temporalWalkerWarmStart, 1);  // the propagation's own default
     EXPECT_EQ(settings.holdSeeds, 1);     // a recommended one
     EXPECT_FLOAT_EQ(settings.lambda, 3);  // likewise
     EXPECT_EQ(tracker.trackSpacing, propagate::TrackerSettings{}.trackSpacing);
 
-    const std::string config = folder.write("p.cfg", "i temporal 1\ni trackSpacing 6\nf lambda 5\n");
+    const std::string config = folder.write("p.cfg", "i temporal 0\ni trackSpacing 6\nf lambda 5\n");
     ASSERT_TRUE(propagate::readPropagationSettings(config, settings, tracker, error)) << error;
-    EXPECT_EQ(settings.temporal, 1);
+    EXPECT_EQ(settings.temporal, 0);
     EXPECT_EQ(tracker.trackSpacing, 6);
     EXPECT_FLOAT_EQ(settings.lambda, 5);
 
