@@ -16,6 +16,15 @@
 #                                  the python3 found already has numpy
 #     tools/evaluate.sh --sweep    the peers' parameter sweeps on the full set's
 #                                  sequences instead of the table (eval-out/sweep.md)
+#     tools/evaluate.sh --propagation [--tiny]
+#                                  denseseg-propagate on 48-frame sequences from a
+#                                  first-frame annotation and from clicks, against
+#                                  warping the annotation along optical flow and
+#                                  against denseseg on ideal tracks; J&F, times,
+#                                  and peak memory over 50 and 200 frames
+#                                  (eval-out-propagation/table.md, about 10 minutes
+#                                  on 2 cores); --tiny: the measures' checks, then
+#                                  two 12-frame sequences of 96x72 (seconds)
 #     tools/evaluate.sh [--tiny] ARGS...   more options for the Python part, e.g.
 #                                  --sequences thin,many  --methods recommended,walker
 #                                  --mode NAME=FILE.cfg
@@ -28,10 +37,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 tiny=
-if [ "${1:-}" = --tiny ]; then
-    tiny=--tiny
-    shift
-fi
+propagation=
+while :; do
+    case "${1:-}" in
+        --tiny) tiny=--tiny; shift ;;
+        --propagation) propagation=1; shift ;;
+        *) break ;;
+    esac
+done
 [ "${1:-}" = -- ] && shift
 started=$(date +%s)
 
@@ -43,25 +56,32 @@ else
     vela_build_packages
     echo "== build (host preset)"
     cmake --preset host >/dev/null
-    cmake --build --preset host -j "$(vela_jobs)" --target denseseg dump_seeds dump_costs >/dev/null
+    targets="denseseg dump_seeds dump_costs"
+    [ -n "$propagation" ] && targets="$targets denseseg-propagate"
+    # shellcheck disable=SC2086
+    cmake --build --preset host -j "$(vela_jobs)" --target $targets >/dev/null
     build=build-host
 fi
 
 # Python with numpy (and scikit-image for the full run).
 python=${EVAL_PYTHON:-}
 if [ -z "$python" ]; then
-    if [ -n "$tiny" ] && python3 -c "import numpy" 2>/dev/null; then
+    if [ -n "$tiny" ] && [ -z "$propagation" ] && python3 -c "import numpy" 2>/dev/null; then
         python=python3
     else
         packages="numpy scikit-image" modules=numpy,skimage
         [ -n "$tiny" ] && packages=numpy modules=numpy
+        # The flow-warp peer's optical flow, from the wheel of the OpenCV major
+        # version the program links (4); Pillow, for the PNG files, comes with
+        # scikit-image.
+        [ -n "$propagation" ] && packages="numpy scikit-image opencv-python-headless<5" modules=numpy,skimage,cv2
         if [ ! -x .venv-eval/bin/python ]; then
             echo "== python environment in .venv-eval/"
             python3 -m venv .venv-eval
         fi
         # shellcheck disable=SC2086
         .venv-eval/bin/python -c "import $modules" 2>/dev/null || .venv-eval/bin/python -m pip install -q $packages
-        if [ -z "$tiny" ]; then
+        if [ -z "$tiny" ] && [ -z "$propagation" ]; then
             # The peers build from source (about a minute); without them the
             # evaluation runs and says which peer it left out.
             .venv-eval/bin/python -c "import gco" 2>/dev/null ||
@@ -85,7 +105,16 @@ export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
 # (0.9 s against 9 to 15 s on a 320x240 frame).  The program's OpenMP threads
 # are not affected.
 export OPENBLAS_NUM_THREADS=${OPENBLAS_NUM_THREADS:-1}
-if [ -n "$tiny" ]; then
+module=evaluation.evaluate
+if [ -n "$propagation" ]; then
+    module=evaluation.propagation
+    out=eval-out-propagation
+    if [ -n "$tiny" ]; then
+        echo "== checks of the measures"
+        DENSESEG_BUILD="$build" "$python" tools/evaluation/test_jf.py
+        out=eval-out-propagation-tiny
+    fi
+elif [ -n "$tiny" ]; then
     echo "== scorer checks"
     "$python" tools/evaluation/test_score.py
     out=eval-out-tiny
@@ -94,5 +123,5 @@ else
 fi
 echo "== evaluation into $out/"
 root=$PWD
-(cd tools && "$python" -m evaluation.evaluate --build "$root/$build" --out "$root/$out" $tiny "$@")
+(cd tools && "$python" -m "$module" --build "$root/$build" --out "$root/$out" $tiny "$@")
 echo "the whole command took $(( $(date +%s) - started )) s"

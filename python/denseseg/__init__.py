@@ -121,6 +121,7 @@ _VIDEO_SETTINGS = _keywords((
     ("temporal_motion_weight", "temporalMotionWeight", False),
     ("temporal_walker_radius", "temporalWalkerRadius", False),
     ("temporal_walker_tolerance", "temporalWalkerTolerance", False),
+    ("temporal_walker_warm_start", "temporalWalkerWarmStart", False),
 ))
 _ENTRY_OF = {keyword: (letter, key) for keyword, letter, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
 _KEYWORD_OF = {key: keyword for keyword, _, key, _, _ in _SETTINGS + _VIDEO_SETTINGS}
@@ -649,6 +650,10 @@ def segment_video(frames, points, visible, track_labels, **settings) -> np.ndarr
     temporal_walker_tolerance : float, optional
         Relative residual at which those solves stop, 0.01 by default; 0:
         ``walker_tolerance`` (``temporalWalkerTolerance``).
+    temporal_walker_warm_start : int, optional
+        With ``temporal_walker_radius=0``: 1 solves every pixel starting
+        from the previous frame's probabilities, moved; 0 (default) from
+        nothing (``temporalWalkerWarmStart``).
     **settings
         Any keyword of :func:`segment` but `num_labels` and
         `return_relaxed`; by default the recommended settings, as there.
@@ -771,8 +776,9 @@ def propagate(frames, annotations, **settings):
         ``segmentationMargin``).
     **settings
         Any keyword of :func:`segment_video`; by default the recommended
-        settings with ``temporal=0`` (``configs/propagate.cfg``): the tracks
-        carry the labels from frame to frame.
+        settings with ``temporal_walker_radius=0`` and
+        ``temporal_walker_warm_start=1`` (``configs/propagate.cfg``): the
+        walker solves every frame whole, from the frame before's answer.
 
     Yields
     ------

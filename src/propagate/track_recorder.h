@@ -14,7 +14,7 @@ class TrackRecorder {
  public:
     // The track file will be `path`; the scratch file lies in its folder.
     // Assembling it holds about `batchPoints` points at a time.
-    explicit TrackRecorder(std::string path, std::size_t batchPoints = std::size_t(1) << 20);
+    explicit TrackRecorder(std::string path, std::size_t batchPoints = std::size_t(1) << 18);
     ~TrackRecorder();
     TrackRecorder(const TrackRecorder&) = delete;
     TrackRecorder& operator=(const TrackRecorder&) = delete;

@@ -17,7 +17,7 @@ using testsupport::ScratchFolder;
 // Three tracks whose points interleave as frames go by; batches of two points
 // make the file's assembly read the scratch file once per track or two.
 TEST(TrackRecorder, WritesEveryTrackWithItsFinalLabelInAnyBatchSizeAndLeavesNoScratch) {
-    for (const std::size_t batch : {std::size_t(2), std::size_t(1) << 20}) {
+    for (const std::size_t batch : {std::size_t(2), std::size_t(1) << 18}) {
         ScratchFolder folder("recorder");
         {
             TrackRecorder recorder(folder / "tracks.dat", batch);

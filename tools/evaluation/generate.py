@@ -220,6 +220,16 @@ class Sequence:
             return 0, 0
         return next(o.velocity for o in self.objects if o.label == label)
 
+    def label_step(self, label: int, t: int) -> tuple[int, int]:
+        """How far the label's pixels move from frame t - 1 to frame t: its
+        velocity, or the change of its offset for an object whose offset is not
+        linear in t (a subclass of SceneObject)."""
+        if label == 0:
+            return 0, 0
+        obj = next(o for o in self.objects if o.label == label)
+        (x0, y0), (x1, y1) = obj.offset(t - 1), obj.offset(t)
+        return x1 - x0, y1 - y0
+
 
 def _velocity(rng: np.random.Generator, most: int) -> tuple[int, int]:
     while True:
@@ -447,7 +457,7 @@ def make_tracks(seq: Sequence, truths: list[np.ndarray]) -> list[Track]:
         # Continue the tracks whose point is still visible on its object.
         still = []
         for track, x, y in active:
-            vx, vy = seq.label_motion(track.label)
+            vx, vy = seq.label_step(track.label, t)
             x, y = x + vx, y + vy
             ix, iy = int(x), int(y)
             if 0 <= ix < w and 0 <= iy < h and truth[iy, ix] == track.label:
