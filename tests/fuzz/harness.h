@@ -12,7 +12,8 @@ namespace fuzz {
 void readImage(const std::uint8_t* data, std::size_t size);
 void readTracks(const std::uint8_t* data, std::size_t size);
 void readConfig(const std::uint8_t* data, std::size_t size);
-// PNG and JPEG frames, by the extension of the scratch file.
+// PNG and JPEG frames, by the extension of the scratch file; PNG files as
+// label maps too.
 void readPng(const std::uint8_t* data, std::size_t size);
 void readJpeg(const std::uint8_t* data, std::size_t size);
 

@@ -1,6 +1,7 @@
 #include <stdexcept>
 
 #include "image/CTensor.h"
+#include "image/png_file.h"
 #include "tests/fuzz/harness.h"
 #include "tests/fuzz/scratch.h"
 
@@ -26,7 +27,16 @@ void readFrame(const std::uint8_t* data, std::size_t size, const char* extension
 
 }  // namespace
 
-void readPng(const std::uint8_t* data, std::size_t size) { readFrame(data, size, ".png"); }
+void readPng(const std::uint8_t* data, std::size_t size) {
+    readFrame(data, size, ".png");
+    // The same bytes as a label map: its stored values, or a refusal.
+    try {
+        const png_file::IndexImage labels = png_file::readIndicesMemory(data, size, "fuzz.png");
+        if (labels.values.size() != static_cast<std::size_t>(labels.width) * static_cast<std::size_t>(labels.height))
+            throw std::logic_error("a label map of the wrong size");
+    } catch (const std::runtime_error&) {
+    }
+}
 void readJpeg(const std::uint8_t* data, std::size_t size) { readFrame(data, size, ".jpg"); }
 
 }  // namespace fuzz
