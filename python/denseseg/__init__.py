@@ -721,15 +721,17 @@ def _segmented_frames(video, frames, rows: int):
         raise ValueError(f"points must hold one row per frame: {count} frames, {rows} rows")
 
 
-# The tracker's settings of propagate(): keyword, configuration key, and the
-# default (those of src/propagate/propagator.h, which checks the values).
+# The tracker's settings of propagate(): keyword, type letter, configuration
+# key (their defaults are src/propagate/propagator.h's, which checks the
+# values).
 _TRACKER_SETTINGS = (
-    ("track_spacing", "trackSpacing", 4),
-    ("annotation_margin", "annotationMargin", 3),
-    ("click_margin", "clickMargin", 8),
-    ("segmentation_margin", "segmentationMargin", 10),
+    ("track_spacing", "i", "trackSpacing"),
+    ("annotation_margin", "i", "annotationMargin"),
+    ("click_margin", "i", "clickMargin"),
+    ("segmentation_margin", "i", "segmentationMargin"),
+    ("click_reach_weight", "f", "clickReachWeight"),
 )
-_TRACKER_ENTRY_OF = {keyword: key for keyword, key, _ in _TRACKER_SETTINGS}
+_TRACKER_ENTRY_OF = {keyword: key for keyword, _, key in _TRACKER_SETTINGS}
 # Annotation values: labels below TRACK_LABEL_LIMIT, and this one for pixels
 # an annotation leaves open.
 UNLABELLED = 255
@@ -774,6 +776,10 @@ def propagate(frames, annotations, **settings):
         from clicks (8) or of a segmented frame (10) a track takes a label
         there, 0 to 64 pixels (``annotationMargin``, ``clickMargin``,
         ``segmentationMargin``).
+    click_reach_weight : float, optional
+        In a frame of clicks, the most an object's label costs far from its
+        clicks (beyond half their widest distance, growing to this at twice
+        that), 3 by default; 0: off (``clickReachWeight``).
     **settings
         Any keyword of :func:`segment_video`; by default the recommended
         settings with ``temporal_walker_radius=0`` and
@@ -797,9 +803,11 @@ def propagate(frames, annotations, **settings):
     if unknown:
         raise TypeError(f"got unexpected keyword arguments {unknown}")
     entries = _entries({k: v for k, v in settings.items() if k in _ENTRY_OF})
-    for keyword, key, _ in _TRACKER_SETTINGS:
+    for keyword, letter, key in _TRACKER_SETTINGS:
         if keyword in settings:
-            entries.append(("i", key, _integer(keyword, settings[keyword], 0, 64)))
+            value = settings[keyword]
+            value = _integer(keyword, value, 0, 64) if letter == "i" else _real(keyword, value)
+            entries.append((letter, key, value))
     by_frame, clicked = _annotations(annotations)
     propagation = _core.Propagation(entries)
     return _propagated(propagation, frames, by_frame, clicked)

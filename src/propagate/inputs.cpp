@@ -128,7 +128,8 @@ bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, 
            readIntKey(config, "trackSpacing", 1, 64, tracker.trackSpacing, error) &&
            readIntKey(config, "annotationMargin", 0, 64, tracker.annotationMargin, error) &&
            readIntKey(config, "clickMargin", 0, 64, tracker.clickMargin, error) &&
-           readIntKey(config, "segmentationMargin", 0, 64, tracker.segmentationMargin, error);
+           readIntKey(config, "segmentationMargin", 0, 64, tracker.segmentationMargin, error) &&
+           readFloatKey(config, "clickReachWeight", 0.0f, 1e6f, tracker.clickReachWeight, error);
 }
 
 bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings,

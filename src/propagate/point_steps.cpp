@@ -167,6 +167,27 @@ struct labelsAtPoints_kernel {
     }
 };
 
+struct clickReachCost_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float, 3> cost, Array<float4, 1> clicks, unsigned int n,
+                            float weight, int exempt) const {
+        const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+        const unsigned int layer = t.blockIdx.z;
+        if (x >= cost.extents.x || y >= cost.extents.y || static_cast<int>(layer) == exempt) return;
+        const float px = static_cast<float>(x) + 0.5f, py = static_cast<float>(y) + 0.5f;
+        float nearest = -1.0f, reach = 1.0f;
+        for (unsigned int i = 0; i < n; ++i) {
+            const float4 c = vela::at(clicks, i);
+            if (static_cast<unsigned int>(c.z) != layer) continue;
+            const float d = sqrtf((c.x - px) * (c.x - px) + (c.y - py) * (c.y - py));
+            if (nearest < 0.0f || d < nearest) nearest = d;
+            reach = c.w;
+        }
+        if (nearest < 0.0f) return;
+        vela::at(cost, x, y, layer) += weight * fminf(fmaxf(nearest / reach - 1.0f, 0.0f), 1.0f);
+    }
+};
+
 struct imposeLayers_kernel {
     VELA_HD void operator()(const Thread& t, Array<float, 3> u, Array<int, 2> layers) const {
         const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
@@ -232,6 +253,15 @@ void labelsAtPoints(const Array<float2, 1>& points, unsigned int n, const Array<
     if (n == 0) return;
     vela::device::launch<labelsAtPoints_kernel>(pointGrid(n), dim3(kPointBlock), nullptr, points, n, labels, radius,
                                                 margins, found);
+    check(__LINE__);
+}
+
+void addClickReachCost(Array<float, 3>& cost, const Array<float4, 1>& clicks, unsigned int n, float weight,
+                       int exempt) {
+    const unsigned int w = cost.extents.x, h = cost.extents.y;
+    if (w == 0 || h == 0 || n == 0 || weight == 0.0f) return;
+    const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY), cost.extents.z);
+    vela::device::launch<clickReachCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, clicks, n, weight, exempt);
     check(__LINE__);
 }
 

@@ -1,6 +1,7 @@
 #include "src/propagate/propagator.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <string>
 
@@ -19,6 +20,10 @@ using Clock = std::chrono::steady_clock;
 // margin must leave sure.
 constexpr unsigned int kLabelValues = 256;
 constexpr double kSureShare = 0.125;
+// The reach of an object's clicks: this share of their widest distance, and
+// at least kLeastClickReach of the frame's diagonal.
+constexpr float kSpreadShare = 0.5f;
+constexpr float kLeastClickReach = 0.1f;
 
 double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
@@ -193,8 +198,36 @@ std::vector<std::uint8_t> Propagator::labelsFromClicks(vela::Array<float4, 2>& d
     alone.temporal = 0;
     FrameSolver seg(device);
     setLabelColours(seg, seeds.labelIds);
-    segmentFrame(seg, seeds, alone);
+    prepareFrame(seg, seeds, alone);
+    addClickReach(seg, tracks, seeds.labelIds);
+    solveFrame(seg);
     return labelNumbers(seg.u, seeds.labelIds);
+}
+
+void Propagator::addClickReach(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds) {
+    if (tracker_.clickReachWeight <= 0.0f) return;
+    // Each object's reach: half the widest distance between its clicks, at
+    // least kLeastClickReach of the frame's diagonal (one click says little of
+    // an object's size).  Clicks spread over an object; beyond its reach the
+    // label costs more with the distance, up to the weight at twice the reach.
+    const float leastReach = kLeastClickReach * std::hypot(static_cast<float>(width_), static_cast<float>(height_));
+    std::vector<float4> packed;
+    for (std::size_t layer = 0; layer < labelIds.size(); ++layer) {
+        float spread = 0.0f;
+        for (const TrackPoints& a : clicks)
+            for (const TrackPoints& b : clicks)
+                if (a.label == labelIds[layer] && b.label == labelIds[layer])
+                    spread = std::max(spread, std::hypot(a.points[0].x - b.points[0].x, a.points[0].y - b.points[0].y));
+        for (const TrackPoints& click : clicks)
+            if (click.label == labelIds[layer])
+                packed.push_back(make_float4(click.points[0].x, click.points[0].y, static_cast<float>(layer),
+                                             std::max(kSpreadShare * spread, leastReach)));
+    }
+    const auto background = std::find(labelIds.begin(), labelIds.end(), kBackground);
+    const vela::ScopedArray<float4, 1> deviceClicks = seg::deviceCopy(view(packed));
+    addClickReachCost(seg.costMap, deviceClicks.a, static_cast<unsigned int>(packed.size()),
+                      tracker_.clickReachWeight,
+                      background == labelIds.end() ? -1 : static_cast<int>(background - labelIds.begin()));
 }
 
 void Propagator::segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation) {

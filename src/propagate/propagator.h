@@ -14,6 +14,7 @@
 #include <memory>
 #include <vector>
 
+#include "src/driver/tracks.h"
 #include "src/frame.h"
 #include "src/propagate/optical_flow.h"
 #include "src/propagate/track_recorder.h"
@@ -27,10 +28,15 @@ struct TrackerSettings {
     int annotationMargin = 3;    // "i annotationMargin": no label this near an annotation's boundary
     int clickMargin = 8;         // "i clickMargin": the same for a frame labelled from clicks
     int segmentationMargin = 10;  // "i segmentationMargin": the same for a segmented frame
+    // "f clickReachWeight": in a frame of clicks, the most an object label
+    // costs far from its clicks (0: nothing)
+    float clickReachWeight = 3.0f;
 };
 
 // Annotation values without a label: pixels an annotation leaves open.
 constexpr std::uint8_t kUnlabelled = 255;
+// The background's label, which lies anywhere.
+constexpr int kBackground = 0;
 
 struct Click {
     float x, y;
@@ -81,6 +87,7 @@ class Propagator {
     void followTracks(const vela::Array<float4, 2>& image);
     std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device,
                                                const std::vector<Click>& clicks);
+    void addClickReach(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);
     void relabel(const std::vector<std::uint8_t>& annotation, int margin, bool all);
     void addPoints();
     void segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation);

@@ -157,6 +157,26 @@ TEST(CountPointsInCells, CountsOnlyKeptPointsInTheirCellsIncludingCutShortOnes) 
     EXPECT_EQ(download(cells.a, 6), std::vector<int>({2, 0, 0, 0, 1, 1}));
 }
 
+TEST(ClickReachCost, GrowsWithTheDistanceBeyondTheReachAndSparesTheBackground) {
+    const unsigned int w = 40, h = 1, labels = 3;
+    std::vector<float> zero(w * h * labels, 0.0f);
+    auto cost = seg::deviceCopy(vela::arrayFromHostMemory(zero.data(), w, h, labels));
+    // Layer 1 clicked at x = 0.5 and 4.5 with reach 10; layer 0 (exempt) and
+    // layer 2 (no clicks) get nothing.
+    const auto clicks = upload(std::vector<float4>{{0.5f, 0.5f, 1.0f, 10.0f}, {4.5f, 0.5f, 1.0f, 10.0f},
+                                                   {30.5f, 0.5f, 0.0f, 10.0f}});
+    propagate::addClickReachCost(cost.a, clicks.a, 3, 2.0f, 0);
+    const std::vector<float> got = download(cost.a, w * h * labels);
+    for (unsigned int x = 0; x < w; ++x) {
+        EXPECT_EQ(got[x], 0.0f);
+        EXPECT_EQ(got[2 * w + x], 0.0f);
+    }
+    EXPECT_FLOAT_EQ(got[w + 14], 0.0f);   // 10 from the nearer click
+    EXPECT_FLOAT_EQ(got[w + 19], 1.0f);   // 15: half way to twice the reach
+    EXPECT_FLOAT_EQ(got[w + 24], 2.0f);   // 20: the whole weight
+    EXPECT_FLOAT_EQ(got[w + 39], 2.0f);
+}
+
 TEST(ImposeLayers, MakesTheGivenLayerWholeAndLeavesOpenPixels) {
     const unsigned int w = 3, h = 1, labels = 2;
     std::vector<float> u = {0.2f, 0.6f, 0.5f, 0.8f, 0.4f, 0.5f};  // layer 0 then layer 1
