@@ -110,7 +110,8 @@ IndexImage readIndicesMemory(const std::uint8_t* data, std::size_t size, const s
         std::vector<png_bytep> rows;
         std::string refusal;
     };
-    const std::unique_ptr<Reading> reading = std::make_unique<Reading>(Reading{MemorySource{data, size, 0, {}}, {}, {}, {}});
+    const std::unique_ptr<Reading> reading =
+        std::make_unique<Reading>(Reading{MemorySource{data, size, 0, {}}, {}, {}, {}});
     MemorySource* const source = &reading->source;
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, source, onError, onWarning);
     png_infop info = png == nullptr ? nullptr : png_create_info_struct(png);

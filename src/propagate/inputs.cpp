@@ -51,8 +51,7 @@ std::vector<std::string> listFrames(const std::string& folder) {
     return frames;
 }
 
-std::map<unsigned int, std::string> listAnnotations(const std::string& folder,
-                                                    const std::vector<std::string>& frames) {
+std::map<unsigned int, std::string> listAnnotations(const std::string& folder, const std::vector<std::string>& frames) {
     std::map<std::string, unsigned int> frameOf;
     for (std::size_t i = 0; i < frames.size(); ++i) frameOf.emplace(stemOf(frames[i]), static_cast<unsigned int>(i));
     std::map<unsigned int, std::string> annotations;
@@ -80,8 +79,7 @@ std::vector<std::uint8_t> readAnnotation(const std::string& path, int w, int h) 
     return std::move(image.values);
 }
 
-std::map<unsigned int, std::vector<Click>> readClicks(const std::string& path, std::size_t frameCount, int w,
-                                                      int h) {
+std::map<unsigned int, std::vector<Click>> readClicks(const std::string& path, std::size_t frameCount, int w, int h) {
     std::ifstream in(path);
     if (!in) throw std::runtime_error("cannot open the clicks file " + path);
     std::map<unsigned int, std::vector<Click>> clicks;
@@ -132,8 +130,8 @@ bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, 
            readFloatKey(config, "clickReachWeight", 0.0f, 1e6f, tracker.clickReachWeight, error);
 }
 
-bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings,
-                             TrackerSettings& tracker, std::string& error) {
+bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings, TrackerSettings& tracker,
+                             std::string& error) {
     ConfigMap user;
     if (!configPath.empty() && !parseConfigINI(configPath, user, error)) return false;
     return propagationSettings(user, settings, tracker, error);

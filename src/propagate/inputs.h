@@ -19,8 +19,7 @@ std::vector<std::string> listFrames(const std::string& folder);
 // The label maps of an annotations folder: for each of its ".png" files the
 // index of the frame of the same name (without extension).  Throws
 // std::runtime_error for a file named after no frame, or a folder without one.
-std::map<unsigned int, std::string> listAnnotations(const std::string& folder,
-                                                    const std::vector<std::string>& frames);
+std::map<unsigned int, std::string> listAnnotations(const std::string& folder, const std::vector<std::string>& frames);
 
 // An annotation read and checked against the frame size: an 8-bit
 // single-channel PNG of w x h values from 0 to 99 (labels) or 255 (open).
@@ -31,14 +30,13 @@ std::vector<std::uint8_t> readAnnotation(const std::string& path, int w, int h);
 // grouped by frame.  Throws std::runtime_error naming the file and line for a
 // malformed line, a frame past `frameCount`, a click outside the w x h frame
 // or a label outside 0 to 99.
-std::map<unsigned int, std::vector<Click>> readClicks(const std::string& path, std::size_t frameCount, int w,
-                                                      int h);
+std::map<unsigned int, std::vector<Click>> readClicks(const std::string& path, std::size_t frameCount, int w, int h);
 
 // The settings: configs/recommended.cfg, then configs/propagate.cfg, then the
 // lines of `configPath` (none when empty), a later line of a key winning.
 // Returns false with `error` naming the file and key on a bad value.
-bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings,
-                             TrackerSettings& tracker, std::string& error);
+bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings, TrackerSettings& tracker,
+                             std::string& error);
 // The same with the entries of `user` in place of a file's.
 bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, TrackerSettings& tracker,
                          std::string& error);

@@ -1,15 +1,14 @@
 #include "src/propagate/optical_flow.h"
 
-#include "vela/access.h"
-
+#include <cmath>
+#include <cstring>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
-
-#include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <string>
+
+#include "vela/access.h"
 
 namespace propagate {
 
@@ -66,8 +65,8 @@ bool OpticalFlow::next(const vela::Array<float4, 2>& image, FlowPair& flow) {
     }
     if (now.size() != state_->before.size())
         throw std::invalid_argument("frames of different sizes: " + std::to_string(now.cols) + " x " +
-                                    std::to_string(now.rows) + " after " + std::to_string(state_->before.cols) +
-                                    " x " + std::to_string(state_->before.rows));
+                                    std::to_string(now.rows) + " after " + std::to_string(state_->before.cols) + " x " +
+                                    std::to_string(state_->before.rows));
     cv::Mat forward, backward;
     state_->dis->calc(state_->before, now, forward);
     state_->dis->calc(now, state_->before, backward);

@@ -220,13 +220,12 @@ void followPoints(const Array<float2, 1>& points, unsigned int n, const Array<fl
     check(__LINE__);
 }
 
-void countPointsInCells(const Array<float2, 1>& points, const Array<int, 1>& kept, unsigned int n,
-                        unsigned int spacing, Array<int, 2>& cells) {
+void countPointsInCells(const Array<float2, 1>& points, const Array<int, 1>& kept, unsigned int n, unsigned int spacing,
+                        Array<int, 2>& cells) {
     vela::Array<int, 4> all = vela::internal::increaseArrayDimension(cells);
     vela::set(all, 0);
     if (n == 0) return;
-    vela::device::launch<countPoints_kernel>(pointGrid(n), dim3(kPointBlock), nullptr, points, kept, n, spacing,
-                                             cells);
+    vela::device::launch<countPoints_kernel>(pointGrid(n), dim3(kPointBlock), nullptr, points, kept, n, spacing, cells);
     check(__LINE__);
 }
 

@@ -48,16 +48,15 @@ void countRadii(const vela::Array<int, 2>& labels, const vela::Array<int, 2>& ra
 // reaches the margin of its label (`margins`, 256 entries), (-1, label)
 // where it does not, and (-1, -1) outside the frame, into `found`.
 void labelsAtPoints(const vela::Array<float2, 1>& points, unsigned int n, const vela::Array<int, 2>& labels,
-                    const vela::Array<int, 2>& radius, const vela::Array<int, 1>& margins,
-                    vela::Array<int2, 1>& found);
+                    const vela::Array<int, 2>& radius, const vela::Array<int, 1>& margins, vela::Array<int2, 1>& found);
 
 // A label given by clicks lies near them: adds to layer l of `cost` (W x H x L)
 // weight * clamp(d / reach_l - 1, 0, 1) at each pixel, d the distance to the
 // nearest of that layer's clicks.  `clicks` holds (x, y, layer, reach_l) per
 // click; a layer without clicks, and layer `exempt` (the background, which
 // lies everywhere), get nothing.
-void addClickReachCost(vela::Array<float, 3>& cost, const vela::Array<float4, 1>& clicks, unsigned int n,
-                       float weight, int exempt);
+void addClickReachCost(vela::Array<float, 3>& cost, const vela::Array<float4, 1>& clicks, unsigned int n, float weight,
+                       int exempt);
 
 // Makes the W x H x L labelling `u` hold layer `layers`(x, y) wholly (1 there,
 // 0 in the others) at each pixel where that index is not negative.

@@ -107,8 +107,7 @@ int run(const Arguments& args) {
 
     std::error_code ec;
     fs::create_directories(args.out, ec);
-    if (ec || !fs::is_directory(args.out, ec))
-        throw std::runtime_error("cannot create the output folder " + args.out);
+    if (ec || !fs::is_directory(args.out, ec)) throw std::runtime_error("cannot create the output folder " + args.out);
     if (sameFolder(args.out, args.frames) || (!clicksFile && sameFolder(args.out, args.annotations)))
         throw std::runtime_error("the output folder " + args.out +
                                  " is an input folder; its results would replace inputs, choose another");

@@ -36,8 +36,7 @@ vela::Array<T, 1> view(std::vector<T>& values) {
 }
 
 // Label values as the device steps read them: negative where open.
-vela::ScopedArray<int, 2> deviceLabelValues(const std::vector<std::uint8_t>& values, unsigned int w,
-                                            unsigned int h) {
+vela::ScopedArray<int, 2> deviceLabelValues(const std::vector<std::uint8_t>& values, unsigned int w, unsigned int h) {
     std::vector<int> ints(values.size());
     for (std::size_t i = 0; i < values.size(); ++i) ints[i] = values[i] == kUnlabelled ? -1 : values[i];
     return seg::deviceCopy(vela::arrayFromHostMemory(ints.data(), make_uint2(w, h)));
@@ -45,8 +44,7 @@ vela::ScopedArray<int, 2> deviceLabelValues(const std::vector<std::uint8_t>& val
 
 }  // namespace
 
-Propagator::Propagator(const SegmentationSettings& settings, const TrackerSettings& tracker,
-                       TrackRecorder* recorder)
+Propagator::Propagator(const SegmentationSettings& settings, const TrackerSettings& tracker, TrackRecorder* recorder)
     : settings_(settings), tracker_(tracker), recorder_(recorder) {
     if (tracker_.trackSpacing < 1) throw std::invalid_argument("the track spacing must be at least 1 pixel");
 }
@@ -225,8 +223,7 @@ void Propagator::addClickReach(PDseg& seg, const std::vector<TrackPoints>& click
     }
     const auto background = std::find(labelIds.begin(), labelIds.end(), kBackground);
     const vela::ScopedArray<float4, 1> deviceClicks = seg::deviceCopy(view(packed));
-    addClickReachCost(seg.costMap, deviceClicks.a, static_cast<unsigned int>(packed.size()),
-                      tracker_.clickReachWeight,
+    addClickReachCost(seg.costMap, deviceClicks.a, static_cast<unsigned int>(packed.size()), tracker_.clickReachWeight,
                       background == labelIds.end() ? -1 : static_cast<int>(background - labelIds.begin()));
 }
 
@@ -302,8 +299,9 @@ FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInp
                                     " x " + std::to_string(height_) + "; all frames must have the same size");
     }
     if (input.annotation != nullptr && input.annotation->size() != static_cast<std::size_t>(w) * h)
-        throw std::invalid_argument("the annotation of frame " + std::to_string(frame_) + " does not have the frame's " +
-                                    std::to_string(w) + " x " + std::to_string(h) + " pixels");
+        throw std::invalid_argument("the annotation of frame " + std::to_string(frame_) +
+                                    " does not have the frame's " + std::to_string(w) + " x " + std::to_string(h) +
+                                    " pixels");
     FrameReport report;
     Clock::time_point start = Clock::now();
     followTracks(image);

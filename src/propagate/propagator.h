@@ -24,9 +24,9 @@ namespace propagate {
 
 // The tracker's own settings, with their configuration keys.
 struct TrackerSettings {
-    int trackSpacing = 4;        // "i trackSpacing": pixels between grid points
-    int annotationMargin = 3;    // "i annotationMargin": no label this near an annotation's boundary
-    int clickMargin = 8;         // "i clickMargin": the same for a frame labelled from clicks
+    int trackSpacing = 4;         // "i trackSpacing": pixels between grid points
+    int annotationMargin = 3;     // "i annotationMargin": no label this near an annotation's boundary
+    int clickMargin = 8;          // "i clickMargin": the same for a frame labelled from clicks
     int segmentationMargin = 10;  // "i segmentationMargin": the same for a segmented frame
     // "f clickReachWeight": in a frame of clicks, the most an object label
     // costs far from its clicks (0: nothing)
@@ -85,8 +85,7 @@ class Propagator {
         int label;           // -1 until known
     };
     void followTracks(const vela::Array<float4, 2>& image);
-    std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device,
-                                               const std::vector<Click>& clicks);
+    std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device, const std::vector<Click>& clicks);
     void addClickReach(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);
     void relabel(const std::vector<std::uint8_t>& annotation, int margin, bool all);
     void addPoints();

@@ -87,8 +87,8 @@ TEST(Annotations, AreMatchedToFramesByNameAndEveryOneMustNameAFrame) {
 TEST(Frames, AreListedInNameOrderByExtensionAndAnEmptyFolderIsRefused) {
     ScratchFolder folder("frames");
     for (const char* name : {"b.PNG", "a.ppm", "c.jpeg", "d.txt", "e.jpg"}) folder.write(std::string("f/") + name, "x");
-    EXPECT_EQ(propagate::listFrames(folder / "f"),
-              std::vector<std::string>({folder / "f/a.ppm", folder / "f/b.PNG", folder / "f/c.jpeg", folder / "f/e.jpg"}));
+    EXPECT_EQ(propagate::listFrames(folder / "f"), std::vector<std::string>({folder / "f/a.ppm", folder / "f/b.PNG",
+                                                                             folder / "f/c.jpeg", folder / "f/e.jpg"}));
     folder.write("none/d.txt", "x");
     EXPECT_TRUE(says(thrown([&] { propagate::listFrames(folder / "none"); }), "no frames"));
     EXPECT_TRUE(says(thrown([&] { propagate::listFrames(folder / "absent"); }), "is not a folder"));
@@ -126,8 +126,8 @@ TEST(PropagationSettings, LayTheFileOverThePropagationDefaultsOverTheRecommended
     std::string error;
     ASSERT_TRUE(propagate::readPropagationSettings("", settings, tracker, error)) << error;
     EXPECT_EQ(settings.temporalWalkerWarmStart, 1);  // the propagation's own default
-    EXPECT_EQ(settings.holdSeeds, 1);     // a recommended one
-    EXPECT_FLOAT_EQ(settings.lambda, 3);  // likewise
+    EXPECT_EQ(settings.holdSeeds, 1);                // a recommended one
+    EXPECT_FLOAT_EQ(settings.lambda, 3);             // likewise
     EXPECT_EQ(tracker.trackSpacing, propagate::TrackerSettings{}.trackSpacing);
 
     const std::string config = folder.write("p.cfg", "i temporal 0\ni trackSpacing 6\nf lambda 5\n");

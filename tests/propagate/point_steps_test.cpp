@@ -9,10 +9,10 @@
 namespace {
 
 using propagate::countPointsInCells;
+using propagate::countRadii;
 using propagate::followPoints;
 using propagate::imposeLayers;
 using propagate::labelsAtPoints;
-using propagate::countRadii;
 using propagate::uniformRadius;
 
 template <class T>
@@ -88,14 +88,14 @@ TEST(FollowPoints, MovesAlongTheFlowAndEndsWhereItLeavesTheFrameOrTheFlowsDisagr
 
     // Beside a motion edge (the flow changes at column 6) the track ends,
     // though it lands where forward and backward agree.
-    const Followed edge = follow({{6.5f, 5.5f}, {20.5f, 10.5f}}, {1.0f, 0.0f}, {-1.0f, 0.0f},
-                                 [](auto& f, auto& b, unsigned int w) {
-                                     for (unsigned int y = 0; y < 24; ++y)
-                                         for (unsigned int x = 0; x < 6; ++x) {
-                                             f[y * w + x] = {1.0f, 4.0f};
-                                             b[y * w + x] = {-1.0f, -4.0f};
-                                         }
-                                 });
+    const Followed edge =
+        follow({{6.5f, 5.5f}, {20.5f, 10.5f}}, {1.0f, 0.0f}, {-1.0f, 0.0f}, [](auto& f, auto& b, unsigned int w) {
+            for (unsigned int y = 0; y < 24; ++y)
+                for (unsigned int x = 0; x < 6; ++x) {
+                    f[y * w + x] = {1.0f, 4.0f};
+                    b[y * w + x] = {-1.0f, -4.0f};
+                }
+        });
     EXPECT_FLOAT_EQ(edge.moved[0].x, 7.5f);
     EXPECT_EQ(edge.kept, std::vector<int>({0, 1}));
 }
@@ -163,17 +163,17 @@ TEST(ClickReachCost, GrowsWithTheDistanceBeyondTheReachAndSparesTheBackground) {
     auto cost = seg::deviceCopy(vela::arrayFromHostMemory(zero.data(), w, h, labels));
     // Layer 1 clicked at x = 0.5 and 4.5 with reach 10; layer 0 (exempt) and
     // layer 2 (no clicks) get nothing.
-    const auto clicks = upload(std::vector<float4>{{0.5f, 0.5f, 1.0f, 10.0f}, {4.5f, 0.5f, 1.0f, 10.0f},
-                                                   {30.5f, 0.5f, 0.0f, 10.0f}});
+    const auto clicks =
+        upload(std::vector<float4>{{0.5f, 0.5f, 1.0f, 10.0f}, {4.5f, 0.5f, 1.0f, 10.0f}, {30.5f, 0.5f, 0.0f, 10.0f}});
     propagate::addClickReachCost(cost.a, clicks.a, 3, 2.0f, 0);
     const std::vector<float> got = download(cost.a, w * h * labels);
     for (unsigned int x = 0; x < w; ++x) {
         EXPECT_EQ(got[x], 0.0f);
         EXPECT_EQ(got[2 * w + x], 0.0f);
     }
-    EXPECT_FLOAT_EQ(got[w + 14], 0.0f);   // 10 from the nearer click
-    EXPECT_FLOAT_EQ(got[w + 19], 1.0f);   // 15: half way to twice the reach
-    EXPECT_FLOAT_EQ(got[w + 24], 2.0f);   // 20: the whole weight
+    EXPECT_FLOAT_EQ(got[w + 14], 0.0f);  // 10 from the nearer click
+    EXPECT_FLOAT_EQ(got[w + 19], 1.0f);  // 15: half way to twice the reach
+    EXPECT_FLOAT_EQ(got[w + 24], 2.0f);  // 20: the whole weight
     EXPECT_FLOAT_EQ(got[w + 39], 2.0f);
 }
 

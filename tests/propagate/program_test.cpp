@@ -85,7 +85,8 @@ std::vector<std::uint8_t> truth(int t) {
 void writeGrey(const std::string& path, int w, int h, const std::vector<std::uint8_t>& values) {
     fs::create_directories(fs::path(path).parent_path());
     std::vector<std::uint8_t> palette(256 * 3);
-    for (int i = 0; i < 256; ++i) palette[3 * i] = palette[3 * i + 1] = palette[3 * i + 2] = static_cast<std::uint8_t>(i);
+    for (int i = 0; i < 256; ++i)
+        palette[3 * i] = palette[3 * i + 1] = palette[3 * i + 2] = static_cast<std::uint8_t>(i);
     png_file::writePalette(w, h, values, palette, path);
 }
 
