@@ -701,17 +701,24 @@ def iter_segment_video(frames, points, visible, track_labels, **settings):
     return _segmented_frames(video, frames, xy.shape[0])
 
 
-def _segmented_frames(video, frames, rows: int):
-    # The generator behind iter_segment_video(), which checks its arguments
-    # when called rather than at the first frame.
+def _checked_frames(frames):
+    """(t, frame) for each frame, checked as an image and against the first's
+    size."""
     shape = None
-    count = 0
     for t, frame in enumerate(frames):
         frame = _image(frame, f"frames[{t}]")
         if shape is None:
             shape = frame.shape
         elif frame.shape != shape:
             raise ValueError(f"frames must all have one size, the first's {shape[:2]}")
+        yield t, frame
+
+
+def _segmented_frames(video, frames, rows: int):
+    # The generator behind iter_segment_video(), which checks its arguments
+    # when called rather than at the first frame.
+    count = 0
+    for t, frame in _checked_frames(frames):
         if t >= rows:
             raise ValueError(f"points must hold one row per frame: frame {t} has none ({rows} rows)")
         labels, _ = video.segment(frame, t)
@@ -853,14 +860,9 @@ def _annotations(annotations):
 
 def _propagated(propagation, frames, by_frame, clicked):
     # The generator behind propagate(), which checks its arguments when called.
-    shape = None
     count = 0
-    for t, frame in enumerate(frames):
-        frame = _image(frame, f"frames[{t}]")
-        if shape is None:
-            shape = frame.shape
-        elif frame.shape != shape:
-            raise ValueError(f"frames must all have one size, the first's {shape[:2]}")
+    for t, frame in _checked_frames(frames):
+        shape = frame.shape
         annotation = by_frame.get(t)
         if annotation is not None and annotation.shape != shape[:2]:
             raise ValueError(f"annotations[{t}] is {annotation.shape[1]} x {annotation.shape[0]}, "

@@ -25,26 +25,21 @@ vela::ScopedArray<T, 2> upload(std::vector<T> values, unsigned int w, unsigned i
     return seg::deviceCopy(vela::arrayFromHostMemory(values.data(), make_uint2(w, h)));
 }
 
+// A host view of p shaped as `a`.
 template <class T>
-std::vector<T> download(const vela::Array<T, 1>& a, std::size_t n) {
-    std::vector<T> values(n);
-    vela::Array<T, 1> host = seg::hostView1D(values.data(), static_cast<unsigned int>(n));
-    vela::arrayCopy(host, a);
-    return values;
+vela::Array<T, 1> hostLike(T* p, const vela::Array<T, 1>& a) {
+    return seg::hostView1D(p, a.extents.x);
+}
+template <class T, int N>
+vela::Array<T, N> hostLike(T* p, const vela::Array<T, N>& a) {
+    return vela::arrayFromHostMemory(p, a.extents);
 }
 
-template <class T>
-std::vector<T> download(const vela::Array<T, 2>& a, std::size_t n) {
+// The first n elements of a device array.
+template <class T, int N>
+std::vector<T> download(const vela::Array<T, N>& a, std::size_t n) {
     std::vector<T> values(n);
-    vela::Array<T, 2> host = vela::arrayFromHostMemory(values.data(), a.extents);
-    vela::arrayCopy(host, a);
-    return values;
-}
-
-template <class T>
-std::vector<T> download(const vela::Array<T, 3>& a, std::size_t n) {
-    std::vector<T> values(n);
-    vela::Array<T, 3> host = vela::arrayFromHostMemory(values.data(), a.extents);
+    vela::Array<T, N> host = hostLike(values.data(), a);
     vela::arrayCopy(host, a);
     return values;
 }
