@@ -53,18 +53,19 @@ Propagator::~Propagator() = default;
 
 void Propagator::followTracks(const vela::Array<float4, 2>& image) {
     FlowPair flow;
-    if (!flow_.next(image, flow) || points_.empty()) return;
+    forward_ = {};
+    backward_ = {};
+    if (!flow_.next(image, flow)) return;
+    forward_ = seg::deviceCopy(vela::arrayFromHostMemory(flow.forward.data(), make_uint2(width_, height_)));
+    backward_ = seg::deviceCopy(vela::arrayFromHostMemory(flow.backward.data(), make_uint2(width_, height_)));
+    if (points_.empty()) return;
     const unsigned int n = static_cast<unsigned int>(points_.size());
     std::vector<float2> positions(n);
     for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
     const vela::ScopedArray<float2, 1> from = seg::deviceCopy(view(positions));
-    const vela::ScopedArray<float2, 2> forward =
-        seg::deviceCopy(vela::arrayFromHostMemory(flow.forward.data(), make_uint2(width_, height_)));
-    const vela::ScopedArray<float2, 2> backward =
-        seg::deviceCopy(vela::arrayFromHostMemory(flow.backward.data(), make_uint2(width_, height_)));
     vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
     vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
-    followPoints(from.a, n, forward.a, backward.a, moved.a, kept.a);
+    followPoints(from.a, n, forward_.a, backward_.a, moved.a, kept.a);
     std::vector<int> keep(n);
     vela::Array<float2, 1> movedHost = view(positions);
     vela::Array<int, 1> keepHost = view(keep);
@@ -154,9 +155,20 @@ void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool 
     std::vector<int2> values(n);
     vela::Array<int2, 1> host = view(values);
     vela::arrayCopy(host, found.a);
+    // From a segmented frame, no label where the pixel was hidden in the frame
+    // before (following the backward flow fails the same checks): there the
+    // segmentation still lags behind the object that uncovered it.
+    std::vector<int> seenBefore(n, 1);
+    if (!all && !forward_.empty()) {
+        vela::ScopedArray<float2, 1> back(seg::deviceArray1D<float2>(n));
+        vela::ScopedArray<int, 1> seen(seg::deviceArray1D<int>(n));
+        followPoints(devicePoints.a, n, backward_.a, forward_.a, back.a, seen.a);
+        vela::Array<int, 1> seenHost = view(seenBefore);
+        vela::arrayCopy(seenHost, seen.a);
+    }
     for (unsigned int i = 0; i < n; ++i) {
         Point& p = points_[i];
-        if (all || p.label < 0) p.label = values[i].x;
+        if (all || (p.label < 0 && seenBefore[i] == 1)) p.label = values[i].x;
         if (recorder_ == nullptr || p.track < 0) continue;
         // A track without a sure label keeps the label under its point for
         // the file, until a sure one comes.

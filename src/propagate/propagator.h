@@ -99,7 +99,8 @@ class Propagator {
     std::vector<Point> points_;
     std::vector<std::uint8_t> labels_;
     std::vector<int> labelIds_;
-    vela::ScopedArray<float4, 2> device_;  // the frame, on the device
+    vela::ScopedArray<float4, 2> device_;              // the frame, on the device
+    vela::ScopedArray<float2, 2> forward_, backward_;  // its flow from and to the frame before
     std::unique_ptr<FrameSolver> solver_;
     video::Carry carry_;
 };
