@@ -107,11 +107,11 @@ def thin_scene(tex: generate.Textures, rng, w, h):
     background = tex.photo(rng, h, w, name="gravel" if tex.photos else None, tint=generate.random_tint(rng, 0.3))
     background = np.clip(128 + 1.6 * (background - background.mean()), 0, 255)
     side = min(w, h)
-    specs = [("bar", (0.35, 0.35), (1, 1)), ("wire", (0.55, 0.6), (-1, 0)), ("ring", (0.72, 0.4), (0, 1)),
+    plan = [("bar", (0.35, 0.35), (1, 1)), ("wire", (0.55, 0.6), (-1, 0)), ("ring", (0.72, 0.4), (0, 1)),
              ("fence", (0.3, 0.7), (2, -1)), ("bar", (0.65, 0.7), (-1, -1))]
     photos = ["astronaut", "coffee", "chelsea", "rocket"]
     objects = []
-    for i, (kind, (fx, fy), v) in enumerate(specs):
+    for i, (kind, (fx, fy), v) in enumerate(plan):
         width = float(rng.uniform(2.0, 4.0))
         angle = float(rng.uniform(0, np.pi))
         if kind == "bar":
@@ -135,9 +135,9 @@ def lowcontrast_scene(tex: generate.Textures, rng, w, h):
     tint = generate.random_tint(rng, 0.2)
     background = tex.photo(rng, h, w, name=name, tint=tint)
     side = min(w, h)
-    specs = [((0.3, 0.35), (1, 0), 0.17), ((0.7, 0.4), (-1, 1), 0.15), ((0.5, 0.72), (0, -1), 0.16)]
+    plan = [((0.3, 0.35), (1, 0), 0.17), ((0.7, 0.4), (-1, 1), 0.15), ((0.5, 0.72), (0, -1), 0.16)]
     objects = []
-    for i, ((fx, fy), v, size) in enumerate(specs):
+    for i, ((fx, fy), v, size) in enumerate(plan):
         gain = np.ones(3)
         gain[i % 3] = 1.07 if i != 1 else 0.93
         texture = tex.photo(rng, h, w, name=name, tint=tint * gain)
@@ -545,8 +545,8 @@ def table(outcomes: dict[str, dict[str, Outcome]], memory: tuple[float, float] |
     gaps = [c - a if a is not None and c is not None else None for a, c in zip(annotated, ceiling)]
     largest_gap = max((g for g in gaps if g is not None), default=None)
 
-    def value(v: float | None, spec: str = ".3f") -> str:
-        return "failed" if v is None else format(v, spec)
+    def value(v: float | None, form: str = ".3f") -> str:
+        return "failed" if v is None else format(v, form)
 
     checks = [
         check(means[PROPAGATE] is not None and means[PROPAGATE] >= TARGET_ANNOTATION,
