@@ -17,9 +17,10 @@
 #include "image/CTensor.h"
 #include "image/png_file.h"
 #include "src/driver/config.h"
+#include "src/driver/error_report.h"
 #include "src/driver/file_names.h"
-#include "src/driver/result_files.h"
 #include "src/driver/label_map.h"
+#include "src/driver/result_files.h"
 #include "src/driver/settings_file.h"
 #include "src/driver/tracks.h"
 #include "src/engine_arrays.h"
@@ -387,14 +388,5 @@ int exportTracks(const std::string& resultFolder, const std::string& trackPath,
 }
 
 int denseseg(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& e) {
-        std::string message = e.what();
-        while (!message.empty() && message.back() == '\n') message.pop_back();
-        std::cerr << "denseseg: " << message << std::endl;
-    } catch (...) {
-        std::cerr << "denseseg: stopped by an unexpected error" << std::endl;
-    }
-    return 1;
+    return reportingErrors("denseseg", [&] { return run(argc, argv); });
 }

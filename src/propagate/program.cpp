@@ -10,6 +10,7 @@
 
 #include "image/png_file.h"
 #include "src/driver/driver.h"
+#include "src/driver/error_report.h"
 #include "src/driver/label_map.h"
 #include "src/driver/result_files.h"
 #include "src/engine_arrays.h"
@@ -149,14 +150,5 @@ int densesegPropagate(int argc, char** argv) {
         std::cerr << propagate::kUsage << std::endl;
         return 2;
     }
-    try {
-        return propagate::run(args);
-    } catch (const std::exception& e) {
-        std::string message = e.what();
-        while (!message.empty() && message.back() == '\n') message.pop_back();
-        std::cerr << "denseseg-propagate: " << message << std::endl;
-    } catch (...) {
-        std::cerr << "denseseg-propagate: stopped by an unexpected error" << std::endl;
-    }
-    return 1;
+    return reportingErrors("denseseg-propagate", [&] { return propagate::run(args); });
 }

@@ -51,6 +51,12 @@ Propagator::Propagator(const SegmentationSettings& settings, const TrackerSettin
 
 Propagator::~Propagator() = default;
 
+vela::ScopedArray<float2, 1> Propagator::devicePositions() const {
+    std::vector<float2> positions(points_.size());
+    for (std::size_t i = 0; i < points_.size(); ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
+    return seg::deviceCopy(view(positions));
+}
+
 void Propagator::followTracks(const vela::Array<float4, 2>& image) {
     FlowPair flow;
     forward_ = {};
@@ -60,12 +66,11 @@ void Propagator::followTracks(const vela::Array<float4, 2>& image) {
     backward_ = seg::deviceCopy(vela::arrayFromHostMemory(flow.backward.data(), make_uint2(width_, height_)));
     if (points_.empty()) return;
     const unsigned int n = static_cast<unsigned int>(points_.size());
-    std::vector<float2> positions(n);
-    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
-    const vela::ScopedArray<float2, 1> from = seg::deviceCopy(view(positions));
+    const vela::ScopedArray<float2, 1> from = devicePositions();
     vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
     vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
     followPoints(from.a, n, forward_.a, backward_.a, moved.a, kept.a);
+    std::vector<float2> positions(n);
     std::vector<int> keep(n);
     vela::Array<float2, 1> movedHost = view(positions);
     vela::Array<int, 1> keepHost = view(keep);
@@ -92,10 +97,8 @@ void Propagator::addPoints() {
     std::vector<int> counts(static_cast<std::size_t>(cw) * ch, 0);
     if (!points_.empty()) {
         const unsigned int n = static_cast<unsigned int>(points_.size());
-        std::vector<float2> positions(n);
-        for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
         std::vector<int> all(n, 1);
-        const vela::ScopedArray<float2, 1> devicePoints = seg::deviceCopy(view(positions));
+        const vela::ScopedArray<float2, 1> devicePoints = devicePositions();
         const vela::ScopedArray<int, 1> kept = seg::deviceCopy(view(all));
         vela::ScopedArray<int, 2> cells(seg::deviceArray2D<int>(cw, ch));
         countPointsInCells(devicePoints.a, kept.a, n, spacing, cells.a);
@@ -147,9 +150,7 @@ void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool 
     }
     const vela::ScopedArray<int, 1> deviceMargins = seg::deviceCopy(view(margins));
 
-    std::vector<float2> positions(n);
-    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
-    const vela::ScopedArray<float2, 1> devicePoints = seg::deviceCopy(view(positions));
+    const vela::ScopedArray<float2, 1> devicePoints = devicePositions();
     vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(n));
     labelsAtPoints(devicePoints.a, n, labels.a, radius.a, deviceMargins.a, found.a);
     std::vector<int2> values(n);

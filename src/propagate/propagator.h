@@ -84,6 +84,8 @@ class Propagator {
         int track;           // in the recorder (or -1 without one)
         int label;           // -1 until known
     };
+    // The points' positions, on the device (not empty).
+    vela::ScopedArray<float2, 1> devicePositions() const;
     void followTracks(const vela::Array<float4, 2>& image);
     std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device, const std::vector<Click>& clicks);
     void addClickReach(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);

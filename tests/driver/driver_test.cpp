@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
-#include <sys/wait.h>
 #include <turbojpeg.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -17,11 +15,13 @@
 #include <vector>
 
 #include "image/png_file.h"
+#include "tests/support/run_program.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testsupport::Output;
 using testsupport::readFile;
 using testsupport::ScratchFolder;
 using Rgb = std::array<int, 3>;
@@ -63,11 +63,6 @@ Names namesIn(const std::string& folder) {
     std::sort(names.begin(), names.end());
     return names;
 }
-
-struct Output {
-    int status;
-    std::string out, err;
-};
 
 // The status `f` returns, with what it printed.
 template <class F>
@@ -116,25 +111,8 @@ TEST(TrackExport, WritesOneTrackPerPixelNumberedByFirstColourAndNeverAnInput) {
 
 // --- The program, run as its own process ----------------------------------------
 
-// Runs the built program in `folder`, its output kept in two files there.  No
-// shell: the arguments reach the program as they are.
 Output runProgram(const std::string& folder, const std::vector<std::string>& args) {
-    const std::string out = folder + "/.stdout", err = folder + "/.stderr";
-    std::fflush(nullptr);  // nothing buffered here may be written twice
-    const pid_t child = fork();
-    if (child == 0) {
-        std::vector<char*> argv{const_cast<char*>(DENSESEG_BINARY)};
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr) ||
-            chdir(folder.c_str()) != 0)
-            _exit(127);
-        execv(DENSESEG_BINARY, argv.data());
-        _exit(127);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
+    return testsupport::runProgram(DENSESEG_BINARY, folder, args);
 }
 
 TEST(Usage, FewerThanFiveArgumentsPrintTheUsageText) {

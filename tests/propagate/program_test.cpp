@@ -1,8 +1,6 @@
 // The propagation program run as its own process on a small video: a
 // textured square moving over a textured background.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -11,40 +9,20 @@
 
 #include "image/png_file.h"
 #include "src/driver/tracks.h"
+#include "tests/support/run_program.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testsupport::Output;
 using testsupport::readFile;
 using testsupport::ScratchFolder;
 
 constexpr int kW = 48, kH = 36, kFrames = 6, kSide = 14, kStep = 2;
 
-struct Output {
-    int status;
-    std::string out, err;
-};
-
-// Runs the program in `folder`, its output kept in two files there.  No
-// shell: the arguments reach the program as they are.
 Output runProgram(const std::string& folder, const std::vector<std::string>& args) {
-    const std::string out = folder + "/.stdout", err = folder + "/.stderr";
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        std::vector<char*> argv{const_cast<char*>(PROPAGATE_BINARY)};
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr) ||
-            chdir(folder.c_str()) != 0)
-            _exit(127);
-        execv(PROPAGATE_BINARY, argv.data());
-        _exit(127);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
+    return testsupport::runProgram(PROPAGATE_BINARY, folder, args);
 }
 
 // A fixed noise texture value in 0 to 255.
