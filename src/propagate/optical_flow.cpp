@@ -15,10 +15,19 @@ namespace propagate {
 struct OpticalFlow::State {
     cv::Ptr<cv::DISOpticalFlow> dis = cv::DISOpticalFlow::create(cv::DISOpticalFlow::PRESET_MEDIUM);
     cv::Mat before;  // grey, 8 bits; empty before the first frame
-    // The preset works from half the resolution up; objects 2 to 4 pixels
-    // wide need the full one (in the evaluation's thin structures, 0.33 J&F
-    // from half resolution, 0.69 from the full one, for twice the time).
-    State() { dis->setFinestScale(0); }
+    // The preset works from half the resolution up, with 8-pixel patches and
+    // a variational refinement that smooths the field: both blur away objects
+    // 2 to 4 pixels wide, whose tracks then stay behind on the background.
+    // Full resolution, 4-pixel patches every 2 pixels and no refinement follow
+    // them: on the evaluation's thin structures the share of their pixels
+    // whose flow is within 0.5 px of the truth goes from 8-54 % per object to
+    // 52-62 %, and a flow takes 18 ms instead of 22 (320 x 240).
+    State() {
+        dis->setFinestScale(0);
+        dis->setPatchSize(4);
+        dis->setPatchStride(2);
+        dis->setVariationalRefinementIterations(0);
+    }
 };
 
 namespace {

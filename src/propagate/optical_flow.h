@@ -1,6 +1,6 @@
 // Dense optical flow between consecutive frames, from the dense inverse
 // search flow of OpenCV's video module (its "medium" preset, computed up to
-// the full resolution) on the frames' grey values.  The only file that sees
+// the full resolution with small patches) on the frames' grey values.  The only file that sees
 // OpenCV.
 #pragma once
 

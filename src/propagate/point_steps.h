@@ -16,9 +16,11 @@ constexpr float kFlowMismatch = 0.01f;
 constexpr float kFlowSlack = 0.5f;
 // A point also ends on a motion edge, where the squared gradient of the flow
 // exceeds kMotionEdge * |forward|^2 + kMotionEdgeSlack: there the point is
-// about to be hidden, or the flow mixes two motions.
-constexpr float kMotionEdge = 0.01f;
-constexpr float kMotionEdgeSlack = 0.002f;
+// about to be hidden, or the flow mixes two motions.  The flow is sharp
+// enough to follow an object 2 to 4 pixels wide, so the gradient across such
+// an object is large everywhere on it: a tighter bound ends all its tracks.
+constexpr float kMotionEdge = 0.1f;
+constexpr float kMotionEdgeSlack = 0.02f;
 
 // Moves each of the n points (x, y in pixels; pixel i covers [i, i + 1))
 // along `forward` (W x H, the flow at each pixel's centre, read bilinearly)

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 // Label values a map can hold, and the share of a label's pixels that its
 // margin must leave sure.
 constexpr unsigned int kLabelValues = 256;
-constexpr double kSureShare = 0.125;
+constexpr double kSureShare = 0.5;
 // The reach of an object's clicks: this share of their widest distance, and
 // at least kLeastClickReach of the frame's diagonal.
 constexpr float kSpreadShare = 0.5f;

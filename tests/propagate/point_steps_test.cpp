@@ -95,7 +95,7 @@ TEST(FollowPoints, MovesAlongTheFlowAndEndsWhereItLeavesTheFrameOrTheFlowsDisagr
     EXPECT_EQ(edge.kept, std::vector<int>({0, 1}));
 }
 
-TEST(UniformRadius, IsTheLargestUniformSquareAndEachLabelTakesAMarginThatKeepsAnEighthOfIt) {
+TEST(UniformRadius, IsTheLargestUniformSquareAndAPointIsSureWhereItReachesItsLabelsMargin) {
     // Columns 0-5 label 1, 6-11 label 2, with an open pixel at (10, 1), and a
     // one-pixel line of label 3 along row 5.
     const unsigned int w = 12, h = 7;
