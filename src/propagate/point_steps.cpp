@@ -142,10 +142,12 @@ struct countRadii_kernel {
         const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
         if (x >= labels.extents.x || y >= labels.extents.y) return;
         const int label = vela::at(labels, x, y), r = vela::at(radius, x, y);
-        if (label < 0 || label >= static_cast<int>(counts.extents.y)) return;
-        for (int i = 0; i <= r && i < static_cast<int>(counts.extents.x); ++i)
-            vela::device::addAtomic(&vela::at(counts, static_cast<unsigned int>(i), static_cast<unsigned int>(label)),
-                                    1);
+        if (label < 0 || label >= static_cast<int>(counts.extents.y) || r < 0) return;
+        // One count per pixel, at its own radius: the host sums them from the
+        // largest radius down.
+        const int column = r < static_cast<int>(counts.extents.x) ? r : static_cast<int>(counts.extents.x) - 1;
+        vela::device::addAtomic(&vela::at(counts, static_cast<unsigned int>(column), static_cast<unsigned int>(label)),
+                                1);
     }
 };
 

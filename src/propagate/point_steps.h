@@ -42,8 +42,8 @@ void countPointsInCells(const vela::Array<float2, 1>& points, const vela::Array<
 void uniformRadius(const vela::Array<int, 2>& labels, unsigned int margin, vela::Array<int, 2>& rows,
                    vela::Array<int, 2>& radius);
 
-// counts(r, l): the pixels of label l whose radius is r or more, for r from 0
-// to margin (cleared here; margin + 1 x 256).
+// counts(r, l): the pixels of label l whose radius is r, for r from 0 to
+// margin (cleared here; margin + 1 x 256; a larger radius counts at margin).
 void countRadii(const vela::Array<int, 2>& labels, const vela::Array<int, 2>& radius, vela::Array<int, 2>& counts);
 
 // For each of the n points, (label, label) at its pixel where its radius

@@ -141,7 +141,9 @@ void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool 
     vela::arrayCopy(countsHost, deviceCounts.a);
     std::vector<int> margins(kLabelValues, 0);
     for (unsigned int l = 0; l < kLabelValues; ++l) {
-        const int* row = &counts[static_cast<std::size_t>(l) * (m + 1)];
+        // The pixels whose radius is r or more, for each r.
+        int* row = &counts[static_cast<std::size_t>(l) * (m + 1)];
+        for (unsigned int r = m; r > 0; --r) row[r - 1] += row[r];
         for (unsigned int r = m; r > 0; --r)
             if (row[r] >= kSureShare * row[0]) {
                 margins[l] = static_cast<int>(r);

@@ -116,13 +116,14 @@ TEST(UniformRadius, IsTheLargestUniformSquareAndAPointIsSureWhereItReachesItsLab
     EXPECT_EQ(got[1 * w + 10], -1);
     EXPECT_EQ(got[5 * w + 3], 0);
 
-    // Per label, the pixels with each radius or more.
-    vela::ScopedArray<int, 2> counts(seg::deviceArray2D<int>(3, 256));
+    // Per label, the pixels at each radius, a larger one in the last column.
+    vela::ScopedArray<int, 2> counts(seg::deviceArray2D<int>(2, 256));
     countRadii(device.a, radius.a, counts.a);
-    const std::vector<int> c = download(counts.a, 3 * 256);
-    EXPECT_EQ(c[3 * 3 + 0], 12);  // the line: all at radius 0
-    EXPECT_EQ(c[3 * 3 + 1], 0);
-    EXPECT_EQ(c[1 * 3 + 0], 36);
+    const std::vector<int> c = download(counts.a, 2 * 256);
+    EXPECT_EQ(c[3 * 2 + 0], 12);  // the line: all at radius 0
+    EXPECT_EQ(c[3 * 2 + 1], 0);
+    EXPECT_EQ(c[1 * 2 + 0] + c[1 * 2 + 1], 36);
+    EXPECT_EQ(c[1 * 2 + 1], 20);  // rows 0-3 of columns 0-4, at radius 1 or 2
 
     // At points: sure where the radius reaches the label's margin (the line's
     // margin is 0, so it is sure everywhere); outside the frame, nothing.
