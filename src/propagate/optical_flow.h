@@ -1,7 +1,7 @@
 // Dense optical flow between consecutive frames, from the dense inverse
 // search flow of OpenCV's video module (its "medium" preset, computed up to
-// the full resolution with small patches) on the frames' grey values.  The only file that sees
-// OpenCV.
+// the full resolution with small patches) on the frames' grey values.  The
+// only file that sees OpenCV.
 #pragma once
 
 #include <memory>
