@@ -74,6 +74,10 @@ class PDseg : public ImgSeg {
     // replaces it).
     bool keepDual = false;
     vela::ScopedArray<float2, 3> dual;
+    // Costs that run() adds to the cost map after the cost filter (W x H x L;
+    // empty: none): evidence that the image's colours do not explain, such as
+    // the motion of a frame, which the filter would average away.
+    vela::ScopedArray<float, 3> costsAfterFilter;
     // With heldLabels (W x H, a label index per pixel, negative for none),
     // every pixel with a label keeps it: run() gives its other labels a cost
     // whose step outweighs any boundary, after the cost filter.

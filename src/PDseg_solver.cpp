@@ -469,11 +469,18 @@ void PDseg::run() {
     const float n = static_cast<float>(nIterations);
 
     // The costs the iteration reads: the member's, or their smoothed copy;
-    // held labels are imposed after the smoothing, on a copy.
+    // the costs after the filter are added and held labels imposed after the
+    // smoothing, on a copy.
     seg::ScopedArray<float, 3> working;
     if (filterRadius > 0) {
         working.a = seg::deviceArray3D<float>(W, H, static_cast<unsigned int>(L));
         seg::guidedFilter(working.a, costMap, scaled.a, filterRadius, filterEpsilon);
+    }
+    if (!costsAfterFilter.empty()) {
+        requireSameSize("costs after the filter and labelling", costsAfterFilter.a, u);
+        if (working.empty()) working = seg::deviceCopy(costMap);
+        vela::Array<float, 4> sum = vela::internal::increaseArrayDimension(working.a);
+        vela::add(sum, vela::internal::increaseArrayDimension(costsAfterFilter.a));
     }
     if (!heldLabels.empty() && weight > 0.0f) {
         requireSameSize("held labels and labelling", heldLabels.a, u);

@@ -737,6 +737,7 @@ _TRACKER_SETTINGS = (
     ("click_margin", "i", "clickMargin"),
     ("segmentation_margin", "i", "segmentationMargin"),
     ("click_reach_weight", "f", "clickReachWeight"),
+    ("click_motion_weight", "f", "clickMotionWeight"),
 )
 _TRACKER_ENTRY_OF = {keyword: key for keyword, _, key in _TRACKER_SETTINGS}
 # Annotation values: labels below TRACK_LABEL_LIMIT, and this one for pixels
@@ -787,6 +788,12 @@ def propagate(frames, annotations, **settings):
         In a frame of clicks, the most an object's label costs far from its
         clicks (beyond half their widest distance, growing to this at twice
         that), 3 by default; 0: off (``clickReachWeight``).
+    click_motion_weight : float, optional
+        In a frame of clicks with a frame before it, the most a label costs
+        where a pixel moves unlike all its clicks and like another label's,
+        4 by default; 0: off (``clickMotionWeight``).  Clicks on the first
+        frame are carried to the second along the flow, which is labelled
+        from them again with their motion.
     **settings
         Any keyword of :func:`segment_video`; by default the recommended
         settings with ``temporal_walker_radius=0`` and

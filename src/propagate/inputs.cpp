@@ -127,7 +127,8 @@ bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, 
            readIntKey(config, "annotationMargin", 0, 64, tracker.annotationMargin, error) &&
            readIntKey(config, "clickMargin", 0, 64, tracker.clickMargin, error) &&
            readIntKey(config, "segmentationMargin", 0, 64, tracker.segmentationMargin, error) &&
-           readFloatKey(config, "clickReachWeight", 0.0f, 1e6f, tracker.clickReachWeight, error);
+           readFloatKey(config, "clickReachWeight", 0.0f, 1e6f, tracker.clickReachWeight, error) &&
+           readFloatKey(config, "clickMotionWeight", 0.0f, 1e6f, tracker.clickMotionWeight, error);
 }
 
 bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings, TrackerSettings& tracker,

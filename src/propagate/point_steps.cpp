@@ -190,6 +190,29 @@ struct clickReachCost_kernel {
     }
 };
 
+struct clickMotionCost_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float, 3> cost, Array<float2, 2> backward, Array<float2, 2> forward,
+                            Array<float4, 1> motions, unsigned int n, float weight) const {
+        const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        const unsigned int y = t.blockIdx.y * t.blockDim.y + t.threadIdx.y;
+        const unsigned int layer = t.blockIdx.z;
+        if (x >= cost.extents.x || y >= cost.extents.y) return;
+        const float2 b = vela::at(backward, x, y);
+        const float2 f = sampleField(forward, static_cast<float>(x) + b.x, static_cast<float>(y) + b.y);
+        const float dx = f.x + b.x, dy = f.y + b.y;
+        if (dx * dx + dy * dy > kFlowMismatch * (f.x * f.x + f.y * f.y + b.x * b.x + b.y * b.y) + kFlowSlack) return;
+        float own = -1.0f, least = -1.0f;
+        for (unsigned int i = 0; i < n; ++i) {
+            const float4 m = vela::at(motions, i);
+            const float d = sqrtf((m.x + b.x) * (m.x + b.x) + (m.y + b.y) * (m.y + b.y));
+            if (least < 0.0f || d < least) least = d;
+            if (static_cast<unsigned int>(m.z) == layer && (own < 0.0f || d < own)) own = d;
+        }
+        if (own < 0.0f) return;
+        vela::at(cost, x, y, layer) += weight * fminf((own - least) / kClickMotionScale, 1.0f);
+    }
+};
+
 struct imposeLayers_kernel {
     VELA_HD void operator()(const Thread& t, Array<float, 3> u, Array<int, 2> layers) const {
         const unsigned int x = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
@@ -263,6 +286,16 @@ void addClickReachCost(Array<float, 3>& cost, const Array<float4, 1>& clicks, un
     if (w == 0 || h == 0 || n == 0 || weight == 0.0f) return;
     const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY), cost.extents.z);
     vela::device::launch<clickReachCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, clicks, n, weight, exempt);
+    check(__LINE__);
+}
+
+void addClickMotionCost(Array<float, 3>& cost, const Array<float2, 2>& backward, const Array<float2, 2>& forward,
+                        const Array<float4, 1>& motions, unsigned int n, float weight) {
+    const unsigned int w = cost.extents.x, h = cost.extents.y;
+    if (w == 0 || h == 0 || n == 0 || weight == 0.0f) return;
+    const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY), cost.extents.z);
+    vela::device::launch<clickMotionCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, backward, forward,
+                                                 motions, n, weight);
     check(__LINE__);
 }
 

@@ -60,6 +60,19 @@ void labelsAtPoints(const vela::Array<float2, 1>& points, unsigned int n, const 
 void addClickReachCost(vela::Array<float, 3>& cost, const vela::Array<float4, 1>& clicks, unsigned int n, float weight,
                        int exempt);
 
+// Objects move apart from what lies around them: adds to layer l of `cost`
+// (W x H x L) weight * clamp((d_l - d) / kClickMotionScale, 0, 1) at each
+// pixel, d_l the distance of the pixel's motion from the frame before
+// (`backward`, negated) to the nearest motion of that layer's clicks and d the
+// least d_l over the layers with clicks.  `motions` holds (motion x, motion
+// y, layer, unused) per click; a layer without clicks gets nothing, and
+// neither does a pixel whose backward flow fails the forward-backward check
+// (it was hidden in the frame before, and its motion is unknown).
+constexpr float kClickMotionScale = 1.0f;
+void addClickMotionCost(vela::Array<float, 3>& cost, const vela::Array<float2, 2>& backward,
+                        const vela::Array<float2, 2>& forward, const vela::Array<float4, 1>& motions, unsigned int n,
+                        float weight);
+
 // Makes the W x H x L labelling `u` hold layer `layers`(x, y) wholly (1 there,
 // 0 in the others) at each pixel where that index is not negative.
 void imposeLayers(vela::Array<float, 3>& u, const vela::Array<int, 2>& layers);

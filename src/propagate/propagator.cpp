@@ -9,6 +9,7 @@
 #include "src/driver/tracks.h"
 #include "src/engine_arrays.h"
 #include "src/propagate/point_steps.h"
+#include "vela/algorithms/basic.h"
 
 namespace propagate {
 
@@ -213,6 +214,7 @@ std::vector<std::uint8_t> Propagator::labelsFromClicks(vela::Array<float4, 2>& d
     setLabelColours(seg, seeds.labelIds);
     prepareFrame(seg, seeds, alone);
     addClickReach(seg, tracks, seeds.labelIds);
+    addClickMotion(seg, tracks, seeds.labelIds);
     solveFrame(seg);
     return labelNumbers(seg.u, seeds.labelIds);
 }
@@ -240,6 +242,60 @@ void Propagator::addClickReach(PDseg& seg, const std::vector<TrackPoints>& click
     const vela::ScopedArray<float4, 1> deviceClicks = seg::deviceCopy(view(packed));
     addClickReachCost(seg.costMap, deviceClicks.a, static_cast<unsigned int>(packed.size()), tracker_.clickReachWeight,
                       background == labelIds.end() ? -1 : static_cast<int>(background - labelIds.begin()));
+}
+
+void Propagator::addClickMotion(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds) {
+    if (tracker_.clickMotionWeight <= 0.0f || backward_.empty()) return;
+    std::vector<float2> backward(static_cast<std::size_t>(width_) * height_);
+    vela::Array<float2, 2> host = vela::arrayFromHostMemory(backward.data(), make_uint2(width_, height_));
+    vela::arrayCopy(host, backward_.a);
+    // Each click's motion: the median over its 3 x 3 pixels, in x and in y,
+    // so that one stray flow vector at the click does not speak for it.
+    std::vector<float4> motions;
+    for (const TrackPoints& click : clicks) {
+        const auto layer = std::find(labelIds.begin(), labelIds.end(), click.label);
+        const int cx = static_cast<int>(click.points[0].x), cy = static_cast<int>(click.points[0].y);
+        std::vector<float> xs, ys;
+        for (int y = std::max(cy - 1, 0); y <= std::min(cy + 1, static_cast<int>(height_) - 1); ++y)
+            for (int x = std::max(cx - 1, 0); x <= std::min(cx + 1, static_cast<int>(width_) - 1); ++x) {
+                const float2 b = backward[static_cast<std::size_t>(y) * width_ + x];
+                xs.push_back(-b.x);
+                ys.push_back(-b.y);
+            }
+        const std::size_t middle = xs.size() / 2;
+        std::nth_element(xs.begin(), xs.begin() + middle, xs.end());
+        std::nth_element(ys.begin(), ys.begin() + middle, ys.end());
+        motions.push_back(make_float4(xs[middle], ys[middle], static_cast<float>(layer - labelIds.begin()), 0.0f));
+    }
+    // After the cost filter: the filter fits costs to the frame's colours, and
+    // motion is what tells apart an object of its background's colours.
+    const vela::ScopedArray<float4, 1> deviceMotions = seg::deviceCopy(view(motions));
+    seg.costsAfterFilter = vela::ScopedArray<float, 3>(
+        seg::deviceArray3D<float>(width_, height_, static_cast<unsigned int>(labelIds.size())));
+    vela::Array<float, 4> zero = vela::internal::increaseArrayDimension(seg.costsAfterFilter.a);
+    vela::set(zero, 0.0f);
+    addClickMotionCost(seg.costsAfterFilter.a, backward_.a, forward_.a, deviceMotions.a,
+                       static_cast<unsigned int>(motions.size()), tracker_.clickMotionWeight);
+}
+
+std::vector<Click> Propagator::followClicks(const std::vector<Click>& clicks) const {
+    std::vector<Click> followed;
+    if (clicks.empty() || forward_.empty()) return followed;
+    const unsigned int n = static_cast<unsigned int>(clicks.size());
+    std::vector<float2> positions(n);
+    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(clicks[i].x, clicks[i].y);
+    const vela::ScopedArray<float2, 1> from = seg::deviceCopy(view(positions));
+    vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
+    vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
+    followPoints(from.a, n, forward_.a, backward_.a, moved.a, kept.a);
+    std::vector<int> keep(n);
+    vela::Array<float2, 1> movedHost = view(positions);
+    vela::Array<int, 1> keepHost = view(keep);
+    vela::arrayCopy(movedHost, moved.a);
+    vela::arrayCopy(keepHost, kept.a);
+    for (unsigned int i = 0; i < n; ++i)
+        if (keep[i] == 1) followed.push_back(Click{positions[i].x, positions[i].y, clicks[i].label});
+    return followed;
 }
 
 void Propagator::segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation) {
@@ -320,7 +376,12 @@ FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInp
     FrameReport report;
     Clock::time_point start = Clock::now();
     followTracks(image);
+    // The first frame's clicks, carried here, label this frame again, now
+    // with their motion: unless the frame brings labels of its own.
+    std::vector<Click> carried = followClicks(clicksToCarry_);
+    clicksToCarry_.clear();
     report.trackingMs += msSince(start);
+    const std::vector<Click>& clicks = input.annotation == nullptr && input.clicks.empty() ? carried : input.clicks;
 
     // The solver keeps reading the frame it was made on (the overlay): the
     // frame lives as long as it.
@@ -330,9 +391,10 @@ FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInp
     const std::vector<std::uint8_t>* annotation = input.annotation;
     int margin = tracker_.annotationMargin;
     std::vector<std::uint8_t> clicked;
-    if (annotation == nullptr && !input.clicks.empty()) {
+    if (annotation == nullptr && !clicks.empty()) {
         start = Clock::now();
-        clicked = labelsFromClicks(device.a, input.clicks);
+        clicked = labelsFromClicks(device.a, clicks);
+        if (backward_.empty() && tracker_.clickMotionWeight > 0.0f) clicksToCarry_ = clicks;
         report.segmentationMs += msSince(start);
         annotation = &clicked;
         margin = tracker_.clickMargin;

@@ -31,6 +31,12 @@ struct TrackerSettings {
     // "f clickReachWeight": in a frame of clicks, the most an object label
     // costs far from its clicks (0: nothing)
     float clickReachWeight = 3.0f;
+    // "f clickMotionWeight": in a frame of clicks with a frame before it, the
+    // most a label costs where the pixel moves unlike every click of it and
+    // like another label's (0: nothing).  Clicks on the first frame are
+    // carried to the second along the flow, which is labelled from them again
+    // with their motion.
+    float clickMotionWeight = 4.0f;
 };
 
 // Annotation values without a label: pixels an annotation leaves open.
@@ -89,6 +95,8 @@ class Propagator {
     void followTracks(const vela::Array<float4, 2>& image);
     std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device, const std::vector<Click>& clicks);
     void addClickReach(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);
+    void addClickMotion(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);
+    std::vector<Click> followClicks(const std::vector<Click>& clicks) const;
     void relabel(const std::vector<std::uint8_t>& annotation, int margin, bool all);
     void addPoints();
     void segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation);
@@ -99,6 +107,7 @@ class Propagator {
     OpticalFlow flow_;
     unsigned int width_ = 0, height_ = 0, frame_ = 0;
     std::vector<Point> points_;
+    std::vector<Click> clicksToCarry_;  // the clicks of a first frame, for the second
     std::vector<std::uint8_t> labels_;
     std::vector<int> labelIds_;
     vela::ScopedArray<float4, 2> device_;              // the frame, on the device

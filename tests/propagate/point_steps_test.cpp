@@ -173,6 +173,28 @@ TEST(ClickReachCost, GrowsWithTheDistanceBeyondTheReachAndSparesTheBackground) {
     EXPECT_FLOAT_EQ(got[w + 39], 2.0f);
 }
 
+TEST(ClickMotionCost, ChargesTheLabelsThatMoveUnlikeThePixelWhereTheFlowHolds) {
+    const unsigned int w = 5, h = 1, labels = 3;
+    std::vector<float> zero(w * h * labels, 0.0f);
+    auto cost = seg::deviceCopy(vela::arrayFromHostMemory(zero.data(), w, h, labels));
+    // Pixels 0 and 1 stand still; an object moved 1 px right onto pixels 3
+    // and 4, uncovering pixel 2, whose backward flow (0) the forward flow
+    // there (1) contradicts.
+    const auto backward = upload(std::vector<float2>{{0, 0}, {0, 0}, {0, 0}, {-1, 0}, {-1, 0}}, w, h);
+    const auto forward = upload(std::vector<float2>{{0, 0}, {0, 0}, {1, 0}, {1, 0}, {1, 0}}, w, h);
+    // Layer 0 clicked where still, layer 1 where the flow said 1.5 px (twice);
+    // layer 2 not clicked.
+    const auto motions = upload(std::vector<float4>{{0, 0, 0, 0}, {1.5f, 0, 1, 0}, {1.6f, 0, 1, 0}});
+    propagate::addClickMotionCost(cost.a, backward.a, forward.a, motions.a, 3, 2.0f);
+    const std::vector<float> got = download(cost.a, w * h * labels);
+    const std::vector<float> expected = {
+        0.0f, 0.0f, 0.0f, 1.0f, 1.0f,  // layer 0: 1 px off against layer 1's 0.5, per px of difference
+        2.0f, 2.0f, 0.0f, 0.0f, 0.0f,  // layer 1: 1.5 px off the still pixels, capped at the weight
+        0.0f, 0.0f, 0.0f, 0.0f, 0.0f,
+    };
+    for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_FLOAT_EQ(got[i], expected[i]) << "at " << i;
+}
+
 TEST(ImposeLayers, MakesTheGivenLayerWholeAndLeavesOpenPixels) {
     const unsigned int w = 3, h = 1, labels = 2;
     std::vector<float> u = {0.2f, 0.6f, 0.5f, 0.8f, 0.4f, 0.5f};  // layer 0 then layer 1

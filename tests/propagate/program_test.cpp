@@ -35,11 +35,12 @@ int noise(int x, int y, int seed) {
     return static_cast<int>(v & 0xFF);
 }
 
-// The moving object: a square moving 2 pixels a frame, or a bar 3 pixels
-// wide, narrower than the flow's patches, moving 1 pixel a frame.
-enum class Shape { kSquare, kBar };
+// The moving object: a square moving 2 pixels a frame, bright or of the
+// background's own colours, or a bar 3 pixels wide, narrower than the flow's
+// patches, moving 1 pixel a frame.
+enum class Shape { kSquare, kCamouflaged, kBar };
 
-int step(Shape shape) { return shape == Shape::kSquare ? 2 : 1; }
+int step(Shape shape) { return shape == Shape::kBar ? 1 : 2; }
 
 bool inObject(int x, int y, int t, Shape shape) {
     if (shape == Shape::kBar) {
@@ -50,15 +51,20 @@ bool inObject(int x, int y, int t, Shape shape) {
     return x >= left && x < left + kSide && y >= top && y < top + kSide;
 }
 
-// Frame t as a PPM: a dark noisy background and a bright noisy object whose
-// texture moves with it.
+// Frame t as a PPM: a dark noisy background and a noisy object, bright but
+// where camouflaged, whose texture moves with it.
 std::string frame(int t, int w = kW, int h = kH, Shape shape = Shape::kSquare) {
     std::string s = "P6\n" + std::to_string(w) + " " + std::to_string(h) + "\n255\n";
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
-            const bool object = inObject(x, y, t, shape);
-            const int v = object ? 150 + noise(x - step(shape) * t, y, 1) / 3 : 20 + noise(x, y, 2) / 3;
-            s += {static_cast<char>(v), static_cast<char>(object ? v / 2 : v), static_cast<char>(v)};
+            const bool object = inObject(x, y, t, shape), bright = object && shape != Shape::kCamouflaged;
+            // The camouflage's grain is 3 pixels, coarse enough for the flow
+            // to follow a 2-pixel step where nothing else tells the object.
+            const int grain = shape == Shape::kCamouflaged ? 3 : 1;
+            const int u = object ? x - step(shape) * t : x;
+            const int texture = noise((u + 30) / grain, y / grain, object ? 1 : 2);
+            const int v = (bright ? 150 : 20) + texture / 3;
+            s += {static_cast<char>(v), static_cast<char>(bright ? v / 2 : v), static_cast<char>(v)};
         }
     return s;
 }
@@ -161,6 +167,25 @@ TEST(PropagateProgram, ClicksStandInForTheAnnotation) {
     ASSERT_EQ(run.status, 0) << run.err;
     const png_file::IndexImage last = png_file::readIndices(folder / "out/f_05.png");
     EXPECT_GT(objectIou(last.values, kFrames - 1), 0.8);
+}
+
+// An object of the background's own colours is told apart by its motion
+// alone: the first frame's clicks are carried to the second, where the
+// object has moved, and label it again.
+TEST(PropagateProgram, ClicksFindAnObjectOfTheBackgroundsColoursByItsMotion) {
+    ScratchFolder folder("propagate");
+    writeVideo(folder, Shape::kCamouflaged);
+    folder.write("clicks.txt", "0 9.5 13.5 7\n0 16.5 20.5 7\n0 10.5 20.5 7\n0 3 3 0\n0 40 30 0\n0 30 8 0\n");
+    folder.write("still.cfg", "f clickMotionWeight 0\n");
+    const Output run = runProgram(folder.str(), {"frames", "clicks.txt", "out"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const Output still = runProgram(folder.str(), {"--config", "still.cfg", "frames", "clicks.txt", "still"});
+    ASSERT_EQ(still.status, 0) << still.err;
+    const auto iou = [&](const std::string& out) {
+        return objectIou(png_file::readIndices(folder / (out + "/f_01.png")).values, 1, Shape::kCamouflaged);
+    };
+    EXPECT_GT(iou("out"), 0.8);
+    EXPECT_LT(iou("still"), 0.5);
 }
 
 // Every refusal: one line naming the fault, a non-zero status, and nothing in
