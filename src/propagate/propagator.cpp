@@ -295,6 +295,14 @@ std::vector<Click> Propagator::followClicks(const std::vector<Click>& clicks) co
     vela::arrayCopy(keepHost, kept.a);
     for (unsigned int i = 0; i < n; ++i)
         if (keep[i] == 1) followed.push_back(Click{positions[i].x, positions[i].y, clicks[i].label});
+    // Every clicked label must keep a click, or the frame labelled from them
+    // would lose it: then none is carried, and the frame is segmented from its
+    // tracks as any other.
+    for (const Click& click : clicks) {
+        const auto kept =
+            std::find_if(followed.begin(), followed.end(), [&](const Click& c) { return c.label == click.label; });
+        if (kept == followed.end()) return {};
+    }
     return followed;
 }
 

@@ -35,7 +35,7 @@ struct TrackerSettings {
     // most a label costs where the pixel moves unlike every click of it and
     // like another label's (0: nothing).  Clicks on the first frame are
     // carried to the second along the flow, which is labelled from them again
-    // with their motion.
+    // with their motion, where each clicked label keeps a click on the way.
     float clickMotionWeight = 4.0f;
 };
 

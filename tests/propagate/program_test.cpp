@@ -188,6 +188,18 @@ TEST(PropagateProgram, ClicksFindAnObjectOfTheBackgroundsColoursByItsMotion) {
     EXPECT_LT(iou("still"), 0.5);
 }
 
+// A label whose every click is hidden in the second frame must not vanish
+// there: the clicks are then not carried at all.
+TEST(PropagateProgram, ClicksAreNotCarriedWhenALabelWouldLoseThemAll) {
+    ScratchFolder folder("propagate");
+    writeVideo(folder);
+    // The background's one click lies where the square moves over it.
+    folder.write("clicks.txt", "0 12.5 16 7\n0 15 20 7\n0 20.5 16.5 0\n");
+    const Output run = runProgram(folder.str(), {"frames", "clicks.txt", "out"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_GT(objectIou(png_file::readIndices(folder / "out/f_01.png").values, 1), 0.8);
+}
+
 // Every refusal: one line naming the fault, a non-zero status, and nothing in
 // the output folder that looks like a result.
 TEST(PropagateProgram, RefusesBadInputWithOneLineAndLeavesNoResult) {
