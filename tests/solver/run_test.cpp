@@ -230,6 +230,36 @@ TEST(Run, HeldLabelsHoldAgainstTheCostFilterAndTheBoundary) {
     }
 }
 
+// A 6 x 6 block that prefers label 1 amid a frame that prefers label 0, the
+// image noise alone: given in the cost map, the cost filter averages the
+// block away; given as costs after the filter, it keeps its label.
+TEST(Run, CostsAfterTheFilterAreNotSmoothed) {
+    const unsigned int n = 12;
+    Problem pr{randomGrid<float4>(n, n, 1, 100.0f, 160.0f), Grid<float>(n, n, 2, 0.0f)};
+    for (auto& px : pr.image.data) px = make_float4(px.x, px.x, px.x, 0);
+    Grid<float> prefer(n, n, 2, 0.0f);
+    for (unsigned int y = 0; y < n; ++y)
+        for (unsigned int x = 0; x < n; ++x) {
+            const bool block = x >= 3 && x < 9 && y >= 3 && y < 9;
+            prefer(x, y, block ? 0 : 1) = 1.0f;
+        }
+    for (bool after : {false, true}) {
+        auto image = upload<2>(pr.image);
+        vela::Array<float, 3> cost = toDevice<3>(after ? pr.cost : prefer);
+        ScopedPDseg seg(image.a, cost);
+        seg.model = PDseg::WEIGHTED_TV;
+        seg.edgeWeights = PDseg::CONTRAST_EDGES;
+        seg.lambda = 3.0f;
+        seg.nIterations = 200;
+        seg.filterRadius = 8;
+        if (after) seg.costsAfterFilter = upload<3>(prefer);
+        seg.run();
+        const Grid<float> hard = toHost(seg.u);
+        EXPECT_EQ(hard(5, 5, 1), after ? 1.0f : 0.0f) << (after ? "after the filter" : "in the cost map");
+        EXPECT_EQ(hard(0, 0, 0), 1.0f);
+    }
+}
+
 // More labels than the limit, an image of another size, and no cost map at
 // all, which writes only its error line and leaves the arrays alone.
 TEST(Run, RefusesWhatItCannotSolve) {
