@@ -42,6 +42,13 @@ VELA_HD inline float2 sampleField(const Array<float2, 2>& field, float x, float 
                        (1 - fy) * ((1 - fx) * a.y + fx * b.y) + fy * ((1 - fx) * c.y + fx * d.y));
 }
 
+// Whether the backward flow `b` where the forward flow `f` leads brings a
+// point back to where it started, as the flow check asks.
+VELA_HD inline bool flowsAgree(float2 f, float2 b) {
+    const float dx = f.x + b.x, dy = f.y + b.y;
+    return dx * dx + dy * dy <= kFlowMismatch * (f.x * f.x + f.y * f.y + b.x * b.x + b.y * b.y) + kFlowSlack;
+}
+
 struct followPoints_kernel {
     VELA_HD void operator()(const Thread& t, Array<float2, 1> points, unsigned int n, Array<float2, 2> forward,
                             Array<float2, 2> backward, Array<float2, 1> moved, Array<int, 1> kept) const {
@@ -56,8 +63,6 @@ struct followPoints_kernel {
             q = make_float2(p.x + f.x, p.y + f.y);
             if (inFrame(q, w, h)) {
                 const float2 b = sampleField(backward, q.x - 0.5f, q.y - 0.5f);
-                const float dx = f.x + b.x, dy = f.y + b.y;
-                const float bound = kFlowMismatch * (f.x * f.x + f.y * f.y + b.x * b.x + b.y * b.y) + kFlowSlack;
                 // The flow's gradient by central differences over one pixel.
                 const float2 right = sampleField(forward, p.x + 0.5f, p.y - 0.5f);
                 const float2 left = sampleField(forward, p.x - 1.5f, p.y - 0.5f);
@@ -67,7 +72,7 @@ struct followPoints_kernel {
                 const float hx = 0.5f * (right.y - left.y), hy = 0.5f * (down.y - up.y);
                 const float gradient = gx * gx + gy * gy + hx * hx + hy * hy;
                 const bool edge = gradient > kMotionEdge * (f.x * f.x + f.y * f.y) + kMotionEdgeSlack;
-                keep = dx * dx + dy * dy <= bound && !edge ? 1 : 0;
+                keep = flowsAgree(f, b) && !edge ? 1 : 0;
             }
         }
         vela::at(moved, i) = q;
@@ -199,8 +204,7 @@ struct clickMotionCost_kernel {
         if (x >= cost.extents.x || y >= cost.extents.y) return;
         const float2 b = vela::at(backward, x, y);
         const float2 f = sampleField(forward, static_cast<float>(x) + b.x, static_cast<float>(y) + b.y);
-        const float dx = f.x + b.x, dy = f.y + b.y;
-        if (dx * dx + dy * dy > kFlowMismatch * (f.x * f.x + f.y * f.y + b.x * b.x + b.y * b.y) + kFlowSlack) return;
+        if (!flowsAgree(f, b)) return;
         float own = -1.0f, least = -1.0f;
         for (unsigned int i = 0; i < n; ++i) {
             const float4 m = vela::at(motions, i);

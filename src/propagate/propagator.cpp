@@ -67,16 +67,9 @@ void Propagator::followTracks(const vela::Array<float4, 2>& image) {
     backward_ = seg::deviceCopy(vela::arrayFromHostMemory(flow.backward.data(), make_uint2(width_, height_)));
     if (points_.empty()) return;
     const unsigned int n = static_cast<unsigned int>(points_.size());
-    const vela::ScopedArray<float2, 1> from = devicePositions();
-    vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
-    vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
-    followPoints(from.a, n, forward_.a, backward_.a, moved.a, kept.a);
     std::vector<float2> positions(n);
-    std::vector<int> keep(n);
-    vela::Array<float2, 1> movedHost = view(positions);
-    vela::Array<int, 1> keepHost = view(keep);
-    vela::arrayCopy(movedHost, moved.a);
-    vela::arrayCopy(keepHost, kept.a);
+    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(points_[i].x, points_[i].y);
+    const std::vector<int> keep = followFlow(positions);
 
     std::size_t alive = 0;
     for (unsigned int i = 0; i < n; ++i) {
@@ -254,6 +247,7 @@ void Propagator::addClickMotion(PDseg& seg, const std::vector<TrackPoints>& clic
     std::vector<float4> motions;
     for (const TrackPoints& click : clicks) {
         const auto layer = std::find(labelIds.begin(), labelIds.end(), click.label);
+        if (layer == labelIds.end()) continue;  // a click another one overwrote
         const int cx = static_cast<int>(click.points[0].x), cy = static_cast<int>(click.points[0].y);
         std::vector<float> xs, ys;
         for (int y = std::max(cy - 1, 0); y <= std::min(cy + 1, static_cast<int>(height_) - 1); ++y)
@@ -278,22 +272,28 @@ void Propagator::addClickMotion(PDseg& seg, const std::vector<TrackPoints>& clic
                        static_cast<unsigned int>(motions.size()), tracker_.clickMotionWeight);
 }
 
-std::vector<Click> Propagator::followClicks(const std::vector<Click>& clicks) const {
-    std::vector<Click> followed;
-    if (clicks.empty() || forward_.empty()) return followed;
-    const unsigned int n = static_cast<unsigned int>(clicks.size());
-    std::vector<float2> positions(n);
-    for (unsigned int i = 0; i < n; ++i) positions[i] = make_float2(clicks[i].x, clicks[i].y);
+std::vector<int> Propagator::followFlow(std::vector<float2>& positions) const {
+    const unsigned int n = static_cast<unsigned int>(positions.size());
+    std::vector<int> keep(n);
+    if (n == 0) return keep;
     const vela::ScopedArray<float2, 1> from = seg::deviceCopy(view(positions));
     vela::ScopedArray<float2, 1> moved(seg::deviceArray1D<float2>(n));
     vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(n));
     followPoints(from.a, n, forward_.a, backward_.a, moved.a, kept.a);
-    std::vector<int> keep(n);
     vela::Array<float2, 1> movedHost = view(positions);
     vela::Array<int, 1> keepHost = view(keep);
     vela::arrayCopy(movedHost, moved.a);
     vela::arrayCopy(keepHost, kept.a);
-    for (unsigned int i = 0; i < n; ++i)
+    return keep;
+}
+
+std::vector<Click> Propagator::followClicks(const std::vector<Click>& clicks) const {
+    std::vector<Click> followed;
+    if (clicks.empty() || forward_.empty()) return followed;
+    std::vector<float2> positions;
+    for (const Click& click : clicks) positions.push_back(make_float2(click.x, click.y));
+    const std::vector<int> keep = followFlow(positions);
+    for (std::size_t i = 0; i < clicks.size(); ++i)
         if (keep[i] == 1) followed.push_back(Click{positions[i].x, positions[i].y, clicks[i].label});
     // Every clicked label must keep a click, or the frame labelled from them
     // would lose it: then none is carried, and the frame is segmented from its

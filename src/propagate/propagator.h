@@ -96,6 +96,9 @@ class Propagator {
     std::vector<std::uint8_t> labelsFromClicks(vela::Array<float4, 2>& device, const std::vector<Click>& clicks);
     void addClickReach(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);
     void addClickMotion(PDseg& seg, const std::vector<TrackPoints>& clicks, const std::vector<int>& labelIds);
+    // Moves `positions` along the forward flow; 1 where one passes the flow
+    // checks, 0 where its track ends.
+    std::vector<int> followFlow(std::vector<float2>& positions) const;
     std::vector<Click> followClicks(const std::vector<Click>& clicks) const;
     void relabel(const std::vector<std::uint8_t>& annotation, int margin, bool all);
     void addPoints();
