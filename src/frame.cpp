@@ -31,13 +31,24 @@ vela::ScopedArray<float, 2> checkedSeeds(const vela::Array<float4, 2>& image, co
                       walkerColourScale(spread, settings.seedCheckBeta), fit.a, settings.seedCheckFit);
 }
 
+// The share of a frame's pixels that are seeds.
+double seedShare(const vela::Array<float, 2>& seeds, unsigned int n) {
+    return static_cast<double>(countSeeds(seeds, n)) / (static_cast<double>(seeds.extents.x) * seeds.extents.y);
+}
+
 // lambda, lowered where a frame has only a few seeds (lambdaSeedDensity).
-float frameLambda(const vela::Array<float, 2>& seeds, unsigned int n, const SegmentationSettings& settings) {
-    if (settings.lambdaSeedDensity <= 0.0f) return settings.lambda;
-    const double share =
-        static_cast<double>(countSeeds(seeds, n)) / (static_cast<double>(seeds.extents.x) * seeds.extents.y);
-    if (share >= settings.lambdaSeedDensity) return settings.lambda;
+float frameLambda(double share, const SegmentationSettings& settings) {
+    if (settings.lambdaSeedDensity <= 0.0f || share >= settings.lambdaSeedDensity) return settings.lambda;
     return static_cast<float>(settings.lambda * std::sqrt(share / settings.lambdaSeedDensity));
+}
+
+// The walker's settings: sparseWalkerBeta as its beta where a frame has only
+// a few seeds.
+SegmentationSettings walkerSettings(double share, const SegmentationSettings& settings) {
+    SegmentationSettings walker = settings;
+    if (settings.sparseWalkerBeta > 0.0f && share < settings.lambdaSeedDensity)
+        walker.walkerBeta = settings.sparseWalkerBeta;
+    return walker;
 }
 
 // The bytes of a pitched W x H x L array of `element` bytes (rows padded as
@@ -85,10 +96,12 @@ PreparedFrame prepareFrame(FrameSolver& seg, const FrameSeeds& seeds, const Segm
     if (check) checked = checkedSeeds(seg.image, labels, n, settings, spread);
     vela::Array<float, 2> kept = checked.empty() ? labels : checked.a;
 
-    applySolverSettings(seg, settings, n > 0 ? frameLambda(kept, n, settings) : settings.lambda);
+    // Whether the frame has only a few seeds matters only with a density set.
+    const double share = n > 0 && settings.lambdaSeedDensity > 0.0f ? seedShare(kept, n) : 1.0;
+    applySolverSettings(seg, settings, frameLambda(share, settings));
     seg.labelsToCostMap(kept, static_cast<int>(n));
     if (walker)
-        prepared.walker = addWalkerCost(seg, kept, settings, spread,
+        prepared.walker = addWalkerCost(seg, kept, walkerSettings(share, settings), spread,
                                         WalkerStart{start.walker.empty() ? nullptr : &start.walker.a,
                                                     static_cast<unsigned int>(settings.temporalWalkerRadius),
                                                     start.changed.empty() ? nullptr : &start.changed.a});

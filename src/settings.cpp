@@ -21,6 +21,7 @@ const std::vector<SettingKey>& settingKeys() {
         {"solverTolerance", &S::solverTolerance, 0, 1},
         {"colourWeight", &S::colourWeight, 0, 1e6},
         {"lambdaSeedDensity", &S::lambdaSeedDensity, 0, 1},
+        {"sparseWalkerBeta", &S::sparseWalkerBeta, 0, 1e6},
         {"temporal", &S::temporal, 0, 1},
         {"temporalWeight", &S::temporalWeight, 0, 1e6},
         {"temporalMotionWeight", &S::temporalMotionWeight, 0, 1e6},

@@ -61,6 +61,12 @@ struct SegmentationSettings {
     // root of their share: the data term then guesses far from any evidence,
     // and the boundary length deserves more say (0: lambda as given).
     float lambdaSeedDensity = 0.0f;
+    // "sparseWalkerBeta": above 0, the walker's walkerBeta in a frame whose
+    // seeds cover less than lambdaSeedDensity of its pixels: from a few clicks
+    // the walker carries each label far, and colour edges must stop it more
+    // sharply than among tracks, where a seed lies near every pixel (0:
+    // walkerBeta in every frame).
+    float sparseWalkerBeta = 0.0f;
     // "holdSeeds": 1, every seed the seed check keeps holds its label, whatever
     // the costs around it (smoothed by the cost filter, say) and the boundary
     // length say; 0, a seed only costs the other labels.

@@ -105,6 +105,7 @@ _SETTINGS = _keywords((
     ("data_term", "dataTerm", False),
     ("data_weight", "dataWeight", False),
     ("walker_beta", "walkerBeta", False),
+    ("sparse_walker_beta", "sparseWalkerBeta", False),
     ("walker_iterations", "walkerIterations", False),
     ("walker_tolerance", "walkerTolerance", False),
     ("seed_check_radius", "seedCheckRadius", False),
@@ -437,6 +438,7 @@ def segment(
     data_term: str = _DEFAULTS["data_term"],
     data_weight: float = _DEFAULTS["data_weight"],
     walker_beta: float = _DEFAULTS["walker_beta"],
+    sparse_walker_beta: float = _DEFAULTS["sparse_walker_beta"],
     walker_iterations: int = _DEFAULTS["walker_iterations"],
     walker_tolerance: float = _DEFAULTS["walker_tolerance"],
     seed_check_radius: int = _DEFAULTS["seed_check_radius"],
@@ -515,6 +517,10 @@ def segment(
     walker_beta : float, optional
         How sharply colour edges cut the walker's graph, 0 to 1e6
         (``walkerBeta``).
+    sparse_walker_beta : float, optional
+        Above 0, `walker_beta` in an image whose seeds cover less than
+        `lambda_seed_density` of its pixels (a few clicks), 0 to 1e6; 0 keeps
+        `walker_beta` (``sparseWalkerBeta``).
     walker_iterations : int, optional
         Most conjugate-gradient iterations per label, 0 to 100000
         (``walkerIterations``).

@@ -357,6 +357,23 @@ TEST(PrepareFrame, SetsModelParametersAndTheCostMap) {
         EXPECT_FLOAT_EQ(sparse.lambda, density > 5.0f / 72.0f ? 42.0f * std::sqrt(5.0f / 72.0f / density) : 42.0f);
     }
 
+    // The same share decides whether the walker takes sparseWalkerBeta: the
+    // sparse frame's costs are those of walkerBeta set to it, the dense
+    // frame's those of walkerBeta itself.
+    auto walkerCosts = [&](float density, float beta, float sparseBeta) {
+        SegmentationSettings walker;
+        walker.dataTerm = DataTerm::WALKER;
+        walker.lambdaSeedDensity = density;
+        walker.walkerBeta = beta;
+        walker.sparseWalkerBeta = sparseBeta;
+        ScopedPDseg solver(image.a);
+        prepareFrame(solver, seeds, walker);
+        return download(solver.costMap);
+    };
+    EXPECT_EQ(walkerCosts(0.5f, 500.0f, 5000.0f), walkerCosts(0.5f, 5000.0f, 0.0f));
+    EXPECT_NE(walkerCosts(0.5f, 500.0f, 5000.0f), walkerCosts(0.5f, 500.0f, 0.0f));
+    EXPECT_EQ(walkerCosts(0.05f, 500.0f, 5000.0f), walkerCosts(0.05f, 500.0f, 0.0f));
+
     ScopedPDseg plain(image.a);
     prepareFrame(plain, seeds, SegmentationSettings{});
     ScopedPDseg reference(image.a);

@@ -58,6 +58,7 @@ KEYWORDS = {
     "dataTerm": "data_term",
     "dataWeight": "data_weight",
     "walkerBeta": "walker_beta",
+    "sparseWalkerBeta": "sparse_walker_beta",
     "walkerIterations": "walker_iterations",
     "walkerTolerance": "walker_tolerance",
     "seedCheckRadius": "seed_check_radius",
