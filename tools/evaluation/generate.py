@@ -409,6 +409,9 @@ def full_set(frames: int = 3) -> tuple[list[SequencePlan], int]:
         SequencePlan("oddsize", "odd size 317x239", ordinary, 317, 239, 107),
         SequencePlan("large", TIMING_CLASS, ordinary, 640, 480, 108, {"count": 5}),
         SequencePlan("clicks", "clicks", ordinary, 320, 240, 110, {"count": 5}, wrong_fraction=0.0, clicks=True),
+        # A small frame taller than wide, as a cropped portrait: few pixels
+        # per object, and rows longer than columns for once.
+        SequencePlan("portrait", "small portrait 120x160", ordinary, 120, 160, 113, {"count": 4}),
         SequencePlan("wrong", "wrong tracks 5 %", ordinary, 320, 240, 111, {"count": 8}, wrong_fraction=0.05),
         SequencePlan("long", "long 640x480", ordinary, 640, 480, 112, {"count": 5, "speed": 3}, frames=20,
                      methods=LONG_METHODS),
