@@ -104,14 +104,16 @@ class CostsTest(unittest.TestCase):
             generate.write_tracks(folder / "tracks.dat", 1,
                                   [generate.Track(label, [(x, y + 0.5, 0)])
                                    for y in range(2, 14, 3) for label, x in ((3, 4.5), (5, 19.5))])
-            fc = self.dump(folder, run.recommended_mode(Path(__file__).resolve().parents[2]).lines)
+            lines = run.recommended_mode(Path(__file__).resolve().parents[2]).lines
+            fc = self.dump(folder, lines)
         self.assertEqual(fc.label_ids, [3, 5])
         # Unseeded pixels get costs from the image: each half is cheapest for
         # the label seeded in it; costs stay within the seed term's 1 plus the
-        # walker term's 1 and the colour term's 1 (a probability the solver's
-        # tolerance takes a little past 1 costs a little below 0).
+        # walker term's and the colour term's weights (a probability the
+        # solver's tolerance takes a little past 1 costs a little below 0).
+        weight = {l.split()[1]: float(l.split()[2]) for l in lines if l.startswith("f ")}
         np.testing.assert_array_equal(np.argmin(fc.costs, axis=0), (np.arange(w) >= 12)[None, :].repeat(h, 0))
-        self.assertLessEqual(float(fc.costs.max()), 3.0)
+        self.assertLessEqual(float(fc.costs.max()), 1.0 + weight["dataWeight"] + weight["colourWeight"])
         self.assertGreater(float(fc.costs.min()), -0.01)
 
 
