@@ -744,6 +744,7 @@ _TRACKER_SETTINGS = (
     ("segmentation_margin", "i", "segmentationMargin"),
     ("click_reach_weight", "f", "clickReachWeight"),
     ("click_motion_weight", "f", "clickMotionWeight"),
+    ("motion_frames", "i", "motionFrames"),
 )
 _TRACKER_ENTRY_OF = {keyword: key for keyword, _, key in _TRACKER_SETTINGS}
 # Annotation values: labels below TRACK_LABEL_LIMIT, and this one for pixels
@@ -800,6 +801,11 @@ def propagate(frames, annotations, **settings):
         4 by default; 0: off (``clickMotionWeight``).  Clicks on the first
         frame are carried to the second along the flow, which is labelled
         from them again with their motion.
+    motion_frames : int, optional
+        A track that moves this many frames in a row unlike its label's
+        tracks and like another label's takes that label, where both
+        labels' tracks move as one; 2 by default, 0 to 1000, 0: never
+        (``motionFrames``).
     **settings
         Any keyword of :func:`segment_video`; by default the recommended
         settings with ``temporal_walker_radius=0`` and

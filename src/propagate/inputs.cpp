@@ -128,7 +128,8 @@ bool propagationSettings(const ConfigMap& user, SegmentationSettings& settings, 
            readIntKey(config, "clickMargin", 0, 64, tracker.clickMargin, error) &&
            readIntKey(config, "segmentationMargin", 0, 64, tracker.segmentationMargin, error) &&
            readFloatKey(config, "clickReachWeight", 0.0f, 1e6f, tracker.clickReachWeight, error) &&
-           readFloatKey(config, "clickMotionWeight", 0.0f, 1e6f, tracker.clickMotionWeight, error);
+           readFloatKey(config, "clickMotionWeight", 0.0f, 1e6f, tracker.clickMotionWeight, error) &&
+           readIntKey(config, "motionFrames", 0, 1000, tracker.motionFrames, error);
 }
 
 bool readPropagationSettings(const std::string& configPath, SegmentationSettings& settings, TrackerSettings& tracker,

@@ -235,6 +235,32 @@ dim3 pixelGrid(unsigned int w, unsigned int h) {
     return dim3(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
 }
 
+struct motionMisfits_kernel {
+    VELA_HD void operator()(const Thread& t, Array<float4, 1> points, Array<int, 1> layers, unsigned int n,
+                            Array<float4, 1> motions, Array<int, 1> better) const {
+        const unsigned int i = pointIndex(t);
+        if (i >= n) return;
+        const float4 p = vela::at(points, i);
+        const int own = vela::at(layers, i);
+        int best = -1;
+        if (own >= 0 && vela::at(motions, static_cast<unsigned int>(own)).z > 0.0f) {
+            const float mx = p.x - p.z, my = p.y - p.w;
+            const float4 mine = vela::at(motions, static_cast<unsigned int>(own));
+            const float misfit = hypotf(mx - mine.x, my - mine.y);
+            float closest = kMotionFit * misfit;
+            for (unsigned int k = 0; misfit > kMotionMisfit && k < motions.extents.x; ++k) {
+                const float4 other = vela::at(motions, k);
+                const float miss = hypotf(mx - other.x, my - other.y);
+                if (static_cast<int>(k) != own && other.z > 0.0f && miss < closest) {
+                    closest = miss;
+                    best = static_cast<int>(k);
+                }
+            }
+        }
+        vela::at(better, i) = best;
+    }
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -300,6 +326,14 @@ void addClickMotionCost(Array<float, 3>& cost, const Array<float2, 2>& backward,
     const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY), cost.extents.z);
     vela::device::launch<clickMotionCost_kernel>(grid, dim3(kBlockX, kBlockY), nullptr, cost, backward, forward,
                                                  motions, n, weight);
+    check(__LINE__);
+}
+
+void motionMisfits(const Array<float4, 1>& points, const Array<int, 1>& layers, unsigned int n,
+                   const Array<float4, 1>& motions, Array<int, 1>& better) {
+    if (n == 0) return;
+    vela::device::launch<motionMisfits_kernel>(dim3(vela::device::blocksFor(n, kPointBlock)), dim3(kPointBlock),
+                                               nullptr, points, layers, n, motions, better);
     check(__LINE__);
 }
 

@@ -73,6 +73,23 @@ void addClickMotionCost(vela::Array<float, 3>& cost, const vela::Array<float2, 2
                         const vela::Array<float2, 2>& forward, const vela::Array<float4, 1>& motions, unsigned int n,
                         float weight);
 
+// A track moves with its object.  Each label's motion is the median of its
+// tracks' motions from the frame before (x and y apart); where most of them
+// lie within kMotionMisfit pixels of it the label moves as one, and only then
+// does its motion speak.  A track of such a label that misses its label's
+// motion by more than kMotionMisfit pixels and comes within kMotionFit times
+// that of another such label's motion moves like that label instead.
+constexpr float kMotionMisfit = 0.6f;
+constexpr float kMotionFit = 0.4f;
+constexpr float kMotionCoherence = 0.5f;  // the share of a label's tracks that makes it move as one
+
+// For each of the n points ((x, y) now, (x, y) in the frame before), the
+// index in `motions` of the label it moves like instead of its own (index
+// layers[i], negative for none), or -1, into `better`.  motions(k) = (motion
+// x, motion y, 1 where label k moves as one or 0, unused).
+void motionMisfits(const vela::Array<float4, 1>& points, const vela::Array<int, 1>& layers, unsigned int n,
+                   const vela::Array<float4, 1>& motions, vela::Array<int, 1>& better);
+
 // Makes the W x H x L labelling `u` hold layer `layers`(x, y) wholly (1 there,
 // 0 in the others) at each pixel where that index is not negative.
 void imposeLayers(vela::Array<float, 3>& u, const vela::Array<int, 2>& layers);

@@ -26,6 +26,13 @@ constexpr double kSureShare = 0.5;
 constexpr float kSpreadShare = 0.5f;
 constexpr float kLeastClickReach = 0.1f;
 
+// The median of values (reordered).
+float median(std::vector<float>& values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
 double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
@@ -83,6 +90,62 @@ void Propagator::followTracks(const vela::Array<float4, 2>& image) {
         points_[alive++] = p;
     }
     points_.resize(alive);
+    relabelByMotion();
+}
+
+void Propagator::relabelByMotion() {
+    if (tracker_.motionFrames <= 0 || points_.empty()) return;
+    // Each label's motion from its tracks that were in the frame before.
+    std::vector<int> labels;
+    for (const Point& p : points_)
+        if (p.label >= 0 && p.fromX >= 0.0f && std::find(labels.begin(), labels.end(), p.label) == labels.end())
+            labels.push_back(p.label);
+    if (labels.size() < 2) return;
+    std::vector<float4> motions;
+    for (const int label : labels) {
+        std::vector<float> xs, ys;
+        for (const Point& p : points_)
+            if (p.label == label && p.fromX >= 0.0f) {
+                xs.push_back(p.x - p.fromX);
+                ys.push_back(p.y - p.fromY);
+            }
+        const float mx = median(xs), my = median(ys);
+        std::size_t near = 0;
+        for (std::size_t i = 0; i < xs.size(); ++i) near += std::hypot(xs[i] - mx, ys[i] - my) <= kMotionMisfit;
+        const bool coherent = static_cast<double>(near) >= kMotionCoherence * static_cast<double>(xs.size());
+        motions.push_back(make_float4(mx, my, coherent ? 1.0f : 0.0f, 0.0f));
+    }
+    const unsigned int n = static_cast<unsigned int>(points_.size());
+    std::vector<float4> packed(n);
+    std::vector<int> layers(n, -1);
+    for (unsigned int i = 0; i < n; ++i) {
+        const Point& p = points_[i];
+        packed[i] = make_float4(p.x, p.y, p.fromX, p.fromY);
+        const auto found = std::find(labels.begin(), labels.end(), p.label);
+        if (p.fromX >= 0.0f && found != labels.end()) layers[i] = static_cast<int>(found - labels.begin());
+    }
+    const vela::ScopedArray<float4, 1> devicePoints = seg::deviceCopy(view(packed));
+    const vela::ScopedArray<int, 1> deviceLayers = seg::deviceCopy(view(layers));
+    const vela::ScopedArray<float4, 1> deviceMotions = seg::deviceCopy(view(motions));
+    vela::ScopedArray<int, 1> better(seg::deviceArray1D<int>(n));
+    motionMisfits(devicePoints.a, deviceLayers.a, n, deviceMotions.a, better.a);
+    std::vector<int> found(n);
+    vela::Array<int, 1> host = view(found);
+    vela::arrayCopy(host, better.a);
+
+    // One frame's motion can be the flow's error: a track changes its label
+    // only after motionFrames frames in a row.
+    for (unsigned int i = 0; i < n; ++i) {
+        Point& p = points_[i];
+        const int like = found[i] >= 0 ? labels[static_cast<std::size_t>(found[i])] : -1;
+        p.frames = like >= 0 && like == p.movesLike ? p.frames + 1 : (like >= 0 ? 1 : 0);
+        p.movesLike = like;
+        if (like < 0 || p.frames < tracker_.motionFrames) continue;
+        p.label = like;
+        p.movesLike = -1;
+        p.frames = 0;
+        if (recorder_ != nullptr && p.track >= 0) recorder_->setLabel(p.track, like);
+    }
 }
 
 void Propagator::addPoints() {
@@ -108,7 +171,7 @@ void Propagator::addPoints() {
                                      static_cast<float>(width_) - 0.5f);
             const float y = std::min((static_cast<float>(cy) + 0.5f) * static_cast<float>(spacing),
                                      static_cast<float>(height_) - 0.5f);
-            Point p{x, y, -1.0f, -1.0f, -1, -1};
+            Point p{x, y, -1.0f, -1.0f, -1, -1, -1, 0};
             if (recorder_ != nullptr) {
                 p.track = recorder_->newTrack(-1);
                 recorder_->addPoint(p.track, x, y, static_cast<int>(frame_));

@@ -37,6 +37,10 @@ struct TrackerSettings {
     // carried to the second along the flow, which is labelled from them again
     // with their motion, where each clicked label keeps a click on the way.
     float clickMotionWeight = 4.0f;
+    // "i motionFrames": a track that moves, this many frames in a row, unlike
+    // its label's tracks and like another label's takes that label (0: never;
+    // point_steps.h says when a track moves like a label).
+    int motionFrames = 2;
 };
 
 // Annotation values without a label: pixels an annotation leaves open.
@@ -89,6 +93,8 @@ class Propagator {
         float fromX, fromY;  // in the frame before; x < 0 for a point born in this frame
         int track;           // in the recorder (or -1 without one)
         int label;           // -1 until known
+        int movesLike = -1;  // the label it has moved like instead of its own, -1 for none
+        int frames = 0;      // for this many frames in a row
     };
     // The points' positions, on the device (not empty).
     vela::ScopedArray<float2, 1> devicePositions() const;
@@ -101,6 +107,7 @@ class Propagator {
     std::vector<int> followFlow(std::vector<float2>& positions) const;
     std::vector<Click> followClicks(const std::vector<Click>& clicks) const;
     void relabel(const std::vector<std::uint8_t>& annotation, int margin, bool all);
+    void relabelByMotion();
     void addPoints();
     void segment(vela::Array<float4, 2>& device, const std::vector<std::uint8_t>* annotation);
 

@@ -130,10 +130,11 @@ TEST(PropagationSettings, LayTheFileOverThePropagationDefaultsOverTheRecommended
     EXPECT_FLOAT_EQ(settings.lambda, 3);             // likewise
     EXPECT_EQ(tracker.trackSpacing, propagate::TrackerSettings{}.trackSpacing);
 
-    const std::string config = folder.write("p.cfg", "i temporal 0\ni trackSpacing 6\nf lambda 5\n");
+    const std::string config = folder.write("p.cfg", "i temporal 0\ni trackSpacing 6\nf lambda 5\ni motionFrames 0\n");
     ASSERT_TRUE(propagate::readPropagationSettings(config, settings, tracker, error)) << error;
     EXPECT_EQ(settings.temporal, 0);
     EXPECT_EQ(tracker.trackSpacing, 6);
+    EXPECT_EQ(tracker.motionFrames, 0);
     EXPECT_FLOAT_EQ(settings.lambda, 5);
 
     const std::string wrong = folder.write("w.cfg", "i trackSpacing 0\n");

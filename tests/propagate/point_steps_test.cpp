@@ -195,6 +195,25 @@ TEST(ClickMotionCost, ChargesTheLabelsThatMoveUnlikeThePixelWhereTheFlowHolds) {
     for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_FLOAT_EQ(got[i], expected[i]) << "at " << i;
 }
 
+TEST(MotionMisfits, FindsTheLabelATrackMovesLikeOnlyWhereItClearlyMissesItsOwn) {
+    // Label 0 stands still, label 1 moves (2, -1), both as one; label 2's
+    // tracks move every which way (median (-2, 0)).
+    const auto motions = upload(std::vector<float4>{{0, 0, 1, 0}, {2, -1, 1, 0}, {-2, 0, 0, 0}});
+    // Points as (x, y now, x, y before) with their label's index.
+    const auto points = upload(std::vector<float4>{
+        {10.1f, 10, 10, 10},  // label 1, standing still: moves like label 0
+        {11.8f, 9, 10, 10},   // label 1, 0.2 px off its motion: its own
+        {11, 9.5f, 10, 10},   // label 0, halfway to label 1's motion: neither clearly
+        {12, 9, 10, 10},      // label 2, moving like label 1: label 2 has no motion to miss
+        {8, 10, 10, 10},      // label 1, moving like label 2: label 2's motion does not speak
+        {10, 10, 20, 20},     // no label
+    });
+    const auto layers = upload(std::vector<int>{1, 1, 0, 2, 1, -1});
+    vela::ScopedArray<int, 1> better(seg::deviceArray1D<int>(6));
+    propagate::motionMisfits(points.a, layers.a, 6, motions.a, better.a);
+    EXPECT_EQ(download(better.a, 6), std::vector<int>({0, -1, -1, -1, -1, -1}));
+}
+
 TEST(ImposeLayers, MakesTheGivenLayerWholeAndLeavesOpenPixels) {
     const unsigned int w = 3, h = 1, labels = 2;
     std::vector<float> u = {0.2f, 0.6f, 0.5f, 0.8f, 0.4f, 0.5f};  // layer 0 then layer 1
