@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "vela/device/backend.h"
+#include "vela/device/block_cache.h"
 
 namespace vela::device::detail {
 namespace {
@@ -24,6 +25,13 @@ bool multiplyOverflows(std::size_t a, std::size_t b, std::size_t& out) {
     out = a * b;
     return false;
 }
+
+// Blocks of at least 128 KiB, glibc's first threshold for mapping a block
+// on its own, are kept for reuse, up to 256 MiB.
+constexpr std::size_t kSmallestKept = 128 * 1024;
+constexpr std::size_t kMostKept = 256 * 1024 * 1024;
+
+void releaseBlock(void* p) { std::free(p); }
 
 class HostBackend final : public BackendImpl {
  public:
@@ -48,7 +56,7 @@ class HostBackend final : public BackendImpl {
         return allocate(bytes);
     }
 
-    void free(void* p) override { std::free(p); }
+    void free(void* p) override { cache_.free(p); }
 
     void memcpy3D(const Copy3D& c) override {
         if (c.width == 0 || c.height == 0 || c.depth == 0) return;
@@ -126,12 +134,15 @@ class HostBackend final : public BackendImpl {
             return nullptr;
         }
         rounded = (bytes + kHostPitchAlignment - 1) / kHostPitchAlignment * kHostPitchAlignment;
+        if (void* kept = cache_.take(rounded)) return kept;
         void* p = std::aligned_alloc(kHostPitchAlignment, rounded);
         if (p == nullptr) setLastError(cudaErrorMemoryAllocation);
+        cache_.allocated(p, rounded);
         return p;
     }
 
     std::atomic<cudaError_t> lastError_{cudaSuccess};
+    BlockCache cache_{kSmallestKept, kMostKept, releaseBlock};
 };
 
 }  // namespace
