@@ -22,26 +22,28 @@ void* allocate(BlockCache& cache, std::size_t bytes) {
     return p;
 }
 
-TEST(BlockCache, HandsAFreedBlockBackOnlyForItsOwnSizeAndKeepsNoSmallOnes) {
+TEST(BlockCache, HandsAFreedBlockBackForItsOwnSizeAndTradesItForANewSize) {
     released.clear();
-    BlockCache cache(1000, 10000, release);
+    BlockCache cache(1000, 10000, 100, release);
     void* big = allocate(cache, 4000);
     void* small = allocate(cache, 999);
     cache.free(big);
-    cache.free(small);
+    cache.free(small);  // too small to keep
     EXPECT_EQ(released, std::vector<void*>({small}));
     EXPECT_EQ(cache.take(999), nullptr);
-    EXPECT_EQ(cache.take(4096), nullptr);
     EXPECT_EQ(cache.take(4000), big);
     EXPECT_EQ(cache.take(4000), nullptr);  // handed out once
     cache.free(big);
     EXPECT_EQ(cache.keptBytes(), 4000u);
+    EXPECT_EQ(cache.take(5000), nullptr);  // another size: the new block replaces the kept one
+    EXPECT_EQ(released, std::vector<void*>({small, big}));
+    EXPECT_EQ(cache.keptBytes(), 0u);
 }
 
-TEST(BlockCache, StaysWithinItsLimitByReleasingWhatItKeptBefore) {
+TEST(BlockCache, StaysWithinItsLimitByReleasingWhatItKeptFirst) {
     released.clear();
     {
-        BlockCache cache(1000, 10000, release);
+        BlockCache cache(1000, 10000, 100, release);
         void* a = allocate(cache, 6000);
         void* b = allocate(cache, 5000);
         void* huge = allocate(cache, 20000);
@@ -51,10 +53,26 @@ TEST(BlockCache, StaysWithinItsLimitByReleasingWhatItKeptBefore) {
         cache.free(huge);  // never kept
         EXPECT_EQ(released, std::vector<void*>({a, huge}));
         EXPECT_EQ(cache.keptBytes(), 5000u);
-        EXPECT_EQ(cache.take(6000), nullptr);
         released.clear();
     }
     EXPECT_EQ(released.size(), 1u);  // b, with the cache
+}
+
+TEST(BlockCache, ReleasesABlockNoRequestHasTakenForItsWindow) {
+    released.clear();
+    BlockCache cache(1000, 10000, 3, release);
+    void* a = allocate(cache, 2000);
+    void* b = allocate(cache, 3000);
+    cache.free(a);  // kept after 0 requests
+    cache.free(b);
+    for (int request = 1; request <= 3; ++request) {
+        EXPECT_EQ(cache.take(3000), b);
+        cache.free(b);
+    }
+    EXPECT_TRUE(released.empty());
+    EXPECT_EQ(cache.take(3000), b);  // the fourth request: a has waited too long
+    EXPECT_EQ(released, std::vector<void*>({a}));
+    cache.free(b);
 }
 
 }  // namespace

@@ -2,16 +2,22 @@
 //
 // A video allocates the same frame-sized arrays and frees them again, frame
 // after frame.  Large blocks come straight from the kernel, which maps them
-// anew and zeroes every page on first touch: a fifth of a frame's time.  The
-// cache keeps freed blocks of at least `smallest` bytes, up to `limit` bytes in
-// all, and hands one out again for a request of exactly its size, so the same
-// pages serve every frame and the memory held stays what one frame needs.
+// anew and zeroes every page on first touch: a tenth of a frame's time.  The
+// cache keeps freed blocks of at least `smallest` bytes and hands one out
+// again for a request of exactly its size, so the same pages serve every
+// frame.  So that the memory held stays what a frame needs, a kept block goes
+// back for good once `window` requests have passed without taking it (a size
+// the frames no longer ask for, such as one of another number of labels); a
+// request of a size not kept releases the oldest kept blocks of as many bytes;
+// and the oldest go first where the kept blocks would pass `limit` bytes.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <list>
 #include <mutex>
 #include <unordered_map>
-#include <utility>
 
 namespace vela::device::detail {
 
@@ -20,23 +26,34 @@ class BlockCache {
     // release(p) gives a block back for good.
     using Release = void (*)(void*);
 
-    BlockCache(std::size_t smallest, std::size_t limit, Release release)
-        : smallest_(smallest), limit_(limit), release_(release) {}
+    BlockCache(std::size_t smallest, std::size_t limit, std::uint64_t window, Release release)
+        : smallest_(smallest), limit_(limit), window_(window), release_(release) {}
     ~BlockCache() {
-        for (const auto& [bytes, p] : kept_) release_(p);
+        for (const Kept& k : kept_) release_(k.p);
     }
     BlockCache(const BlockCache&) = delete;
     BlockCache& operator=(const BlockCache&) = delete;
 
-    // A kept block of exactly `bytes`, or null.
+    // A kept block of exactly `bytes`, or null.  Every request of at least
+    // `smallest` bytes counts towards the window.
     void* take(std::size_t bytes) {
         if (bytes < smallest_) return nullptr;
         const std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = kept_.find(bytes);
-        if (found == kept_.end()) return nullptr;
-        void* p = found->second;
-        kept_.erase(found);
-        keptBytes_ -= bytes;
+        ++requests_;
+        releaseStale();
+        const auto found = bySize_.find(bytes);
+        if (found == bySize_.end()) {
+            // A size not kept: the block about to be made takes the place of
+            // the oldest kept ones, so that a change of sizes (another number
+            // of labels) does not add the new blocks to the old.
+            for (std::size_t freed = 0; freed < bytes && !kept_.empty();) {
+                freed += kept_.front().bytes;
+                releaseOldest();
+            }
+            return nullptr;
+        }
+        void* p = found->second->p;
+        forget(found);
         return p;
     }
 
@@ -47,9 +64,8 @@ class BlockCache {
         sizes_[p] = bytes;
     }
 
-    // Keeps a freed block, releasing blocks kept before where the limit
-    // asks (sizes a frame no longer uses would otherwise fill it for good);
-    // a block larger than the limit is released.
+    // Keeps a freed block of a noted size; releases any other, and one larger
+    // than the limit.
     void free(void* p) {
         if (p == nullptr) return;
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -60,14 +76,9 @@ class BlockCache {
             return;
         }
         const std::size_t bytes = found->second;
-        while (keptBytes_ + bytes > limit_) {
-            const auto old = kept_.begin();
-            keptBytes_ -= old->first;
-            sizes_.erase(old->second);
-            release_(old->second);
-            kept_.erase(old);
-        }
-        kept_.emplace(bytes, p);
+        while (keptBytes_ + bytes > limit_) releaseOldest();
+        kept_.push_back(Kept{bytes, p, requests_});
+        bySize_.emplace(bytes, std::prev(kept_.end()));
         keptBytes_ += bytes;
     }
 
@@ -77,12 +88,41 @@ class BlockCache {
     }
 
  private:
+    struct Kept {
+        std::size_t bytes;
+        void* p;
+        std::uint64_t since;  // requests_ when it was kept
+    };
+    using Entry = std::list<Kept>::iterator;
+
+    // Drops a kept block from the lists (not from sizes_: it lives on).
+    void forget(std::unordered_multimap<std::size_t, Entry>::iterator found) {
+        keptBytes_ -= found->second->bytes;
+        kept_.erase(found->second);
+        bySize_.erase(found);
+    }
+    void releaseOldest() {
+        const Entry oldest = kept_.begin();
+        auto range = bySize_.equal_range(oldest->bytes);
+        while (range.first->second != oldest) ++range.first;
+        void* p = oldest->p;
+        sizes_.erase(p);
+        forget(range.first);
+        release_(p);
+    }
+    void releaseStale() {
+        while (!kept_.empty() && requests_ - kept_.front().since > window_) releaseOldest();
+    }
+
     const std::size_t smallest_, limit_;
+    const std::uint64_t window_;
     const Release release_;
     mutable std::mutex mutex_;
     std::unordered_map<void*, std::size_t> sizes_;  // every live or kept block of at least `smallest`
-    std::unordered_multimap<std::size_t, void*> kept_;
+    std::list<Kept> kept_;                          // oldest first
+    std::unordered_multimap<std::size_t, Entry> bySize_;
     std::size_t keptBytes_ = 0;
+    std::uint64_t requests_ = 0;
 };
 
 }  // namespace vela::device::detail
