@@ -100,7 +100,14 @@ void Propagator::relabelByMotion() {
     for (const Point& p : points_)
         if (p.label >= 0 && p.fromX >= 0.0f && std::find(labels.begin(), labels.end(), p.label) == labels.end())
             labels.push_back(p.label);
-    if (labels.size() < 2) return;
+    if (labels.size() < 2) {
+        // No other label to move like: every run of frames ends here.
+        for (Point& p : points_) {
+            p.movesLike = -1;
+            p.frames = 0;
+        }
+        return;
+    }
     std::vector<float4> motions;
     for (const int label : labels) {
         std::vector<float> xs, ys;

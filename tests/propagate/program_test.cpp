@@ -147,6 +147,37 @@ TEST(PropagateProgram, FollowsTheAnnotatedObjectThroughTheVideoAndWritesEveryRes
     EXPECT_EQ(filesIn(folder / "out"), 3u * kFrames + 1);
 }
 
+// A patch of still background wrongly annotated as the moving square: its
+// tracks stand still while the square's move, and they go back to the
+// background.
+TEST(PropagateProgram, TracksThatMoveLikeTheBackgroundTakeItsLabel) {
+    ScratchFolder folder("propagate");
+    writeVideo(folder);
+    std::vector<std::uint8_t> annotation = truth(0);
+    const auto inPatch = [](float x, float y) { return x >= 34 && x < 44 && y >= 22 && y < 32; };
+    for (int y = 0; y < kH; ++y)
+        for (int x = 0; x < kW; ++x)
+            if (inPatch(x + 0.5f, y + 0.5f)) annotation[y * kW + x] = 7;
+    writeGrey(folder / "ann/f_00.png", kW, kH, annotation);
+    folder.write("never.cfg", "i motionFrames 0\n");
+    // Tracks that began in the patch and still carry the square's label.
+    const auto wrongTracks = [&](const std::string& out) {
+        std::vector<TrackPoints> tracks;
+        std::string problem;
+        int frames = 0;
+        EXPECT_TRUE(readTracks(folder / (out + "/tracks.dat"), tracks, problem, frames)) << problem;
+        int wrong = 0;
+        for (const TrackPoints& track : tracks)
+            wrong += track.label == 7 && track.points.size() == static_cast<std::size_t>(kFrames) &&
+                     inPatch(track.points[0].x, track.points[0].y);
+        return wrong;
+    };
+    ASSERT_EQ(runProgram(folder.str(), {"--config", "never.cfg", "frames", "ann", "never"}).status, 0);
+    EXPECT_GT(wrongTracks("never"), 0);
+    ASSERT_EQ(runProgram(folder.str(), {"frames", "ann", "out"}).status, 0);
+    EXPECT_EQ(wrongTracks("out"), 0);
+}
+
 // Tracks on an object narrower than the flow's patches must move with it and
 // outlive its motion edges, or the object fades within a few frames.
 TEST(PropagateProgram, FollowsAnObjectNarrowerThanTheFlowsPatches) {
