@@ -58,10 +58,16 @@ Grid<T> toHost(const vela::Array<T, N>& a) {
     return g;
 }
 
-inline float uniform(float lo, float hi) {
+// The tests' random numbers come from one stream.  A test whose assertions
+// hold for its particular noise restarts it, so that what it draws does not
+// depend on which tests ran before it (a filter on the command line).
+inline std::mt19937& randomEngine() {
     static std::mt19937 engine(20240611u);
-    return std::uniform_real_distribution<float>(lo, hi)(engine);
+    return engine;
 }
+inline void restartRandom(unsigned int seed) { randomEngine().seed(seed); }
+
+inline float uniform(float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(randomEngine()); }
 
 // Every component of every element uniform in [lo, hi).
 template <class T = float>
