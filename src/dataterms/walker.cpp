@@ -11,6 +11,8 @@
 #include "src/dataterms/probability_cost.h"
 #include "src/dataterms/seeds.h"
 #include "src/dataterms/walker_region.h"
+#include "src/dataterms/walker_rows.h"
+#include "src/dataterms/walker_steps.h"
 #include "src/engine_arrays.h"
 #include "src/solver/ops.h"
 #include "vela/access.h"
@@ -88,140 +90,14 @@ struct walkerWeights_kernel {
     }
 };
 
-// The arrays of the solve; x, r, p and q are W x H x L.
-struct WalkerArrays {
-    vela::Array<float, 3> x, r, p, q;
-    vela::Array<float, 3> guess;  // a restricted solve's start (StartOutsideStep)
-    vela::Array<float, 2> labels;
-    vela::Array<float2, 2> weights;
-    vela::Array<float2, 2> diagonal;  // degree, and its inverse or 0 at a seed
-};
-
-// sum_j w_ij v_j over the 4 neighbours j of (x, y), in one fixed order.
-template <class Value>
-VELA_HD inline float neighbourSum(const vela::Array<float2, 2>& weights, unsigned int x, unsigned int y, Value value) {
-    const unsigned int w = weights.extents.x, h = weights.extents.y;
-    const float2 here = vela::at(weights, x, y);
-    float sum = 0.0f;
-    if (x + 1 < w) sum += here.x * value(x + 1, y);
-    if (y + 1 < h) sum += here.y * value(x, y + 1);
-    if (x > 0) sum += vela::at(weights, x - 1, y).x * value(x - 1, y);
-    if (y > 0) sum += vela::at(weights, x, y - 1).y * value(x, y - 1);
-    return sum;
-}
-
-// The per-pixel steps, run by the kernels below on the device and by row
-// loops on the host.  Each returns what it adds to the label's sums.
-
-// Seeds fix x; elsewhere x starts at 0, so the residual is the right-hand
-// side, the pull of the neighbouring seeds of the label, and p = r / degree.
-// Adds r.z and r.r.
-VELA_HD inline float2 startAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l) {
-    const unsigned int nLabels = a.x.extents.z;
-    const int seed = seedOf(a.labels, x, y, nLabels);
-    float residual = 0.0f, direction = 0.0f;
-    if (seed >= 0) {
-        vela::at(a.x, x, y, l) = seed == static_cast<int>(l) ? 1.0f : 0.0f;
-    } else {
-        vela::at(a.x, x, y, l) = 0.0f;
-        residual = neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) {
-            return seedOf(a.labels, i, j, nLabels) == static_cast<int>(l) ? 1.0f : 0.0f;
-        });
-        direction = residual * vela::at(a.diagonal, x, y).y;
-    }
-    vela::at(a.r, x, y, l) = residual;
-    vela::at(a.p, x, y, l) = direction;
-    return make_float2(residual * direction, residual * residual);
-}
-
-// The steps below keep r, p and q at 0 on the seeds, and so x as it started.
-
-// q = A p on the unseeded pixels (p is 0 at the seeds).  Adds p.q.
-VELA_HD inline float applyAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l) {
-    const float2 diagonal = vela::at(a.diagonal, x, y);
-    const float here = vela::at(a.p, x, y, l);
-    const float product = diagonal.x * here - neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) {
-                              return vela::at(a.p, i, j, l);
-                          });
-    const float value = diagonal.y > 0.0f ? product : 0.0f;
-    vela::at(a.q, x, y, l) = value;
-    return here * value;
-}
-
-// x += alpha p and r -= alpha q.  Adds r.z and r.r, z = r / degree.
-VELA_HD inline float2 stepAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float alpha) {
-    vela::at(a.x, x, y, l) += alpha * vela::at(a.p, x, y, l);
-    const float residual = vela::at(a.r, x, y, l) - alpha * vela::at(a.q, x, y, l);
-    vela::at(a.r, x, y, l) = residual;
-    return make_float2(residual * residual * vela::at(a.diagonal, x, y).y, residual * residual);
-}
-
-// p = r / degree + beta p.
-VELA_HD inline void directionAt(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float beta) {
-    float& direction = vela::at(a.p, x, y, l);
-    direction = vela::at(a.r, x, y, l) * vela::at(a.diagonal, x, y).y + beta * direction;
-}
-
-// The steps as the kernel below calls them: each adds two values to the
-// label's sums (0 where it adds fewer) and takes a per-label coefficient.
-struct StartStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
-        return startAt(a, x, y, l);
-    }
-};
-struct ApplyStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
-        return make_float2(applyAt(a, x, y, l), 0.0f);
-    }
-};
-struct StepStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l,
-                              float alpha) const {
-        return stepAt(a, x, y, l, alpha);
-    }
-};
-struct DirectionStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float beta) const {
-        directionAt(a, x, y, l, beta);
-        return make_float2(0.0f, 0.0f);
-    }
-};
-
-// A restricted solve: x = 0 where the solve runs (1 / degree above 0), the
-// start (clamped to [0, 1]) at the other unseeded pixels, which it keeps like
-// seeds; the seeds keep the values start() gave them.
-struct StartOutsideStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
-        if (seedOf(a.labels, x, y, a.x.extents.z) < 0)
-            vela::at(a.x, x, y, l) =
-                vela::at(a.diagonal, x, y).y > 0.0f ? 0.0f : fminf(fmaxf(vela::at(a.guess, x, y, l), 0.0f), 1.0f);
-        return make_float2(0.0f, 0.0f);
-    }
-};
-// A warm start: x from the start (clamped to [0, 1]) at every unseeded pixel.
-struct StartFromGuessStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
-        if (seedOf(a.labels, x, y, a.x.extents.z) < 0)
-            vela::at(a.x, x, y, l) = fminf(fmaxf(vela::at(a.guess, x, y, l), 0.0f), 1.0f);
-        return make_float2(0.0f, 0.0f);
-    }
-};
-// r = b - A x from there, on the unseeded pixels, and p = r / degree.  Adds
-// r.z and r.r.
-struct ResidualStep {
-    VELA_HD float2 operator()(const WalkerArrays& a, unsigned int x, unsigned int y, unsigned int l, float) const {
-        const float2 diagonal = vela::at(a.diagonal, x, y);
-        float residual = 0.0f;
-        if (diagonal.y > 0.0f)
-            residual =
-                neighbourSum(a.weights, x, y, [&](unsigned int i, unsigned int j) { return vela::at(a.x, i, j, l); }) -
-                diagonal.x * vela::at(a.x, x, y, l);
-        const float direction = residual * diagonal.y;
-        vela::at(a.r, x, y, l) = residual;
-        vela::at(a.p, x, y, l) = direction;
-        return make_float2(residual * direction, residual * residual);
-    }
-};
+using seg::walker::ApplyStep;
+using seg::walker::DirectionStep;
+using seg::walker::ResidualStep;
+using seg::walker::StartFromGuessStep;
+using seg::walker::StartOutsideStep;
+using seg::walker::StartStep;
+using seg::walker::StepStep;
+using seg::walker::WalkerArrays;
 
 // Runs a step at every pixel and label, one label per grid layer, and leaves
 // the block sums of what it adds in partial(block, label, 0 and 1); with
@@ -392,11 +268,7 @@ class WalkerSteps {
                 const uint3 span = hostSpans_[static_cast<std::size_t>(i)];
                 for (unsigned int l = 0; l < labels; ++l) {
                     double s0 = 0.0, s1 = 0.0;
-                    for (unsigned int x = span.x; x < span.y; ++x) {
-                        const float2 v = Step{}(a_, x, span.z, l, c[l]);
-                        s0 += v.x;
-                        s1 += v.y;
-                    }
+                    seg::walker::hostRows<Step>(a_, span.x, span.y, span.z, 1, l, c[l], &s0, &s1);
                     blockFirst_[l * spans + static_cast<std::size_t>(i)] = s0;
                     blockSecond_[l * spans + static_cast<std::size_t>(i)] = s1;
                 }
@@ -410,20 +282,18 @@ class WalkerSteps {
         };
         auto rows = [&] {
             std::vector<double> first(static_cast<std::size_t>(h) * labels), second(first.size());
-            const long long count = static_cast<long long>(h) * labels;
+            // Rows go to the threads in groups of kRowsAtOnce of one label.
+            constexpr unsigned int kGroup = seg::walker::kRowsAtOnce;
+            const unsigned int groups = (h + kGroup - 1) / kGroup;
+            const long long count = static_cast<long long>(groups) * labels;
             VELA_PRAGMA_OMP(omp parallel) {
                 const vela::device::SubnormalsFlushed mode(walkerStep_kernel<Step>::flushSubnormals);
             VELA_PRAGMA_OMP(omp for schedule(static))
-            for (long long row = 0; row < count; ++row) {
-                const unsigned int y = static_cast<unsigned int>(row % h), l = static_cast<unsigned int>(row / h);
-                double s0 = 0.0, s1 = 0.0;
-                for (unsigned int x = 0; x < w; ++x) {
-                    const float2 v = Step{}(a_, x, y, l, c[l]);
-                    s0 += v.x;
-                    s1 += v.y;
-                }
-                first[row] = s0;
-                second[row] = s1;
+            for (long long group = 0; group < count; ++group) {
+                const unsigned int y = static_cast<unsigned int>(group % groups) * kGroup;
+                const unsigned int l = static_cast<unsigned int>(group / groups);
+                const std::size_t row = static_cast<std::size_t>(l) * h + y;
+                seg::walker::hostRows<Step>(a_, 0, w, y, std::min(kGroup, h - y), l, c[l], &first[row], &second[row]);
             }
             }
             for (unsigned int l = 0; l < labels; ++l)
