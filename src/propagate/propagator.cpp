@@ -419,7 +419,12 @@ void Propagator::segment(vela::Array<float4, 2>& device, const std::vector<std::
     if (settings_.temporal == 1) seeds.motion = motionOfTracks(tracks, frame_, w, h);
     solver_ = std::make_unique<FrameSolver>(device);
     setLabelColours(*solver_, seeds.labelIds);
-    carry_ = segmentFrame(*solver_, seeds, settings_, std::move(carry_));
+    // An annotation is the user's word: no seed of it is checked (that would
+    // vote on every pixel of the frame, most of a run's time), and its labels
+    // are imposed below in any case.
+    SegmentationSettings settings = settings_;
+    if (annotation != nullptr) settings.seedCheckRadius = 0;
+    carry_ = segmentFrame(*solver_, seeds, settings, std::move(carry_));
     labelIds_ = seeds.labelIds;
     if (annotation != nullptr) {
         // The annotation's labels win wherever the frame has a layer for them.
