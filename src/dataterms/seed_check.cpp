@@ -23,11 +23,28 @@ constexpr int kMinVoters = 3;
 // Kernels
 // ---------------------------------------------------------------------------
 
-// One thread per pixel; only seeds do any work.
+// next(x, y) = the first x' >= x with a seed at (x', y), or the width: one
+// thread per row, from its right end.  It lets a seed's vote skip the pixels
+// of its window that seed nothing.
+struct nextSeeds_kernel {
+    VELA_HD void operator()(const Thread& t, vela::Array<int, 2> next, vela::Array<float, 2> labels,
+                            unsigned int nLabels) const {
+        const unsigned int w = labels.extents.x, y = t.blockIdx.x * t.blockDim.x + t.threadIdx.x;
+        if (y >= labels.extents.y) return;
+        int following = static_cast<int>(w);
+        for (unsigned int x = w; x-- > 0;) {
+            if (seg::seedOf(labels, x, y, nLabels) >= 0) following = static_cast<int>(x);
+            vela::at(next, x, y) = following;
+        }
+    }
+};
+
+// One thread per pixel; only seeds do any work.  The voters are taken row by
+// row and, within a row, from left to right.
 struct checkSeeds_kernel {
     VELA_HD void operator()(const Thread& t, vela::Array<float, 2> checked, vela::Array<float, 2> labels,
-                            vela::Array<float4, 2> image, unsigned int nLabels, int radius, float minShare,
-                            float colourScale, vela::Array<float, 2> fit, float minFit) const {
+                            vela::Array<int, 2> next, vela::Array<float4, 2> image, unsigned int nLabels, int radius,
+                            float minShare, float colourScale, vela::Array<float, 2> fit, float minFit) const {
         const int w = static_cast<int>(labels.extents.x), h = static_cast<int>(labels.extents.y);
         const int x = static_cast<int>(t.blockIdx.x * t.blockDim.x + t.threadIdx.x);
         const int y = static_cast<int>(t.blockIdx.y * t.blockDim.y + t.threadIdx.y);
@@ -40,10 +57,11 @@ struct checkSeeds_kernel {
         const float4 c = vela::at(image, x, y);
         float own = 0.0f, all = 0.0f;
         int voters = 0;
+        const int left = x - radius > 0 ? x - radius : 0, right = x + radius < w - 1 ? x + radius : w - 1;
         for (int j = y - radius > 0 ? y - radius : 0; j <= y + radius && j < h; ++j)
-            for (int i = x - radius > 0 ? x - radius : 0; i <= x + radius && i < w; ++i) {
+            for (int i = vela::at(next, left, j); i <= right; i = i + 1 < w ? vela::at(next, i + 1, j) : w) {
+                if (i == x && j == y) continue;
                 const int other = seg::seedOf(labels, i, j, nLabels);
-                if (other < 0 || (i == x && j == y)) continue;
                 const float4 d = vela::at(image, i, j);
                 const float dr = (c.x - d.x) / 255.0f, dg = (c.y - d.y) / 255.0f, db = (c.z - d.z) / 255.0f;
                 const float vote = expf(colourScale * (dr * dr + dg * dg + db * db));
@@ -106,8 +124,11 @@ vela::ScopedArray<float, 2> checkSeeds(const vela::Array<float4, 2>& image, cons
     vela::ScopedArray<float, 2> checked(seg::deviceArray2D<float>(w, h));
     const dim3 block(kBlockX, kBlockY);
     const dim3 grid(vela::device::blocksFor(w, kBlockX), vela::device::blocksFor(h, kBlockY));
-    vela::device::launch<checkSeeds_kernel>(grid, block, nullptr, checked.a, labels, image, nLabels, radius, minShare,
-                                            colourScale, fit, minFit);
+    vela::ScopedArray<int, 2> next(seg::deviceArray2D<int>(w, h));
+    vela::device::launch<nextSeeds_kernel>(dim3(vela::device::blocksFor(h, kBlockX * kBlockY)), dim3(kBlockX * kBlockY),
+                                           nullptr, next.a, labels, nLabels);
+    vela::device::launch<checkSeeds_kernel>(grid, block, nullptr, checked.a, labels, next.a, image, nLabels, radius,
+                                            minShare, colourScale, fit, minFit);
     vela::_CHECK_CUDA_ERROR(kSource, __LINE__);
     if (fit.data != nullptr && nLabels > 0) {
         vela::ScopedArray<int, 1> kept(seg::deviceArray1D<int>(nLabels));
