@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <future>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
@@ -27,6 +28,28 @@ struct OpticalFlow::State {
         dis->setPatchSize(4);
         dis->setPatchStride(2);
         dis->setVariationalRefinementIterations(0);
+    }
+
+    // A flow started ahead (prefetch()): to `upcoming` from `before`.  The
+    // task is declared last, so that it is waited for before anything it
+    // uses goes.
+    cv::Mat upcoming, upcomingForward, upcomingBackward;
+    std::future<void> task;
+
+    // The two flows between `before` and `now`.  DIS takes an output of the
+    // right size as its initial flow, so each starts from empty outputs.
+    void flows(const cv::Mat& now, cv::Mat& forward, cv::Mat& backward) {
+        forward.release();
+        backward.release();
+        dis->calc(before, now, forward);
+        dis->calc(now, before, backward);
+    }
+
+    // Waits for a flow started ahead and forgets it; a failure goes with it.
+    void dropAhead() {
+        if (task.valid()) task.wait();
+        task = {};
+        upcoming.release();
     }
 };
 
@@ -63,11 +86,39 @@ void copyFlow(const cv::Mat& flow, std::vector<float2>& to) {
 OpticalFlow::OpticalFlow() : state_(std::make_unique<State>()) {}
 OpticalFlow::~OpticalFlow() = default;
 
-void OpticalFlow::reset() { state_->before.release(); }
+void OpticalFlow::reset() {
+    state_->dropAhead();
+    state_->before.release();
+}
+
+void OpticalFlow::prefetch(const vela::Array<float4, 2>& upcoming) {
+    if (upcoming.device != vela::kHostDevice) throw std::invalid_argument("optical flow takes host images");
+    State& s = *state_;
+    s.dropAhead();
+    if (s.before.empty()) return;
+    cv::Mat now = grey(upcoming);
+    if (now.size() != s.before.size()) return;
+    s.upcoming = now;
+    s.task = std::async(std::launch::async, [&s] { s.flows(s.upcoming, s.upcomingForward, s.upcomingBackward); });
+}
 
 bool OpticalFlow::next(const vela::Array<float4, 2>& image, FlowPair& flow) {
     if (image.device != vela::kHostDevice) throw std::invalid_argument("optical flow takes host images");
     cv::Mat now = grey(image);
+    State& s = *state_;
+    if (s.task.valid()) {
+        // The flow started ahead serves if it was started for this frame.
+        s.task.get();
+        const bool same = s.upcoming.size() == now.size() && cv::countNonZero(s.upcoming != now) == 0;
+        s.task = {};
+        s.upcoming.release();
+        if (same) {
+            copyFlow(s.upcomingForward, flow.forward);
+            copyFlow(s.upcomingBackward, flow.backward);
+            s.before = now;
+            return true;
+        }
+    }
     if (state_->before.empty()) {
         state_->before = now;
         return false;
@@ -77,8 +128,7 @@ bool OpticalFlow::next(const vela::Array<float4, 2>& image, FlowPair& flow) {
                                     std::to_string(now.rows) + " after " + std::to_string(state_->before.cols) + " x " +
                                     std::to_string(state_->before.rows));
     cv::Mat forward, backward;
-    state_->dis->calc(state_->before, now, forward);
-    state_->dis->calc(now, state_->before, backward);
+    state_->flows(now, forward, backward);
     copyFlow(forward, flow.forward);
     copyFlow(backward, flow.backward);
     state_->before = now;

@@ -30,6 +30,14 @@ class OpticalFlow {
     // frame, which has none.  Every frame must have the first one's size.
     bool next(const vela::Array<float4, 2>& image, FlowPair& flow);
 
+    // Starts the flow between the frame last given to next() and `upcoming`
+    // (a host image, as next() takes) on a thread of its own, to run while
+    // the caller works on the current frame; next() with that frame then
+    // takes it from there, the same flow as computed there.  Nothing starts
+    // before a first frame or for a frame of another size; a later next()
+    // with another frame computes its own.
+    void prefetch(const vela::Array<float4, 2>& upcoming);
+
     // Forgets the frame before, as at the start of a new video.
     void reset();
 

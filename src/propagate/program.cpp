@@ -117,8 +117,12 @@ int run(const Arguments& args) {
     const std::string tracksPath = (fs::path(args.out) / "tracks.dat").string();
     TrackRecorder recorder(tracksPath);
     Propagator propagator(settings, tracker, &recorder);
+    // Each frame is read one frame ahead, so that its flow runs while the
+    // frame before is segmented.
+    vela::ScopedArray<float4, 2> upcoming;
     for (std::size_t i = 0; i < frames.size(); ++i) {
-        if (i > 0) image = vela::ScopedArray<float4, 2>(loadColorImage(frames[i]));
+        if (i > 0) image = std::move(upcoming);
+        if (i + 1 < frames.size()) upcoming = vela::ScopedArray<float4, 2>(loadColorImage(frames[i + 1]));
         const unsigned int frame = static_cast<unsigned int>(i);
         FrameInput input;
         std::vector<std::uint8_t> annotation;
@@ -127,7 +131,7 @@ int run(const Arguments& args) {
             input.annotation = &annotation;
         }
         if (const auto found = clicks.find(frame); found != clicks.end()) input.clicks = found->second;
-        const FrameReport report = propagator.next(image.a, input);
+        const FrameReport report = propagator.next(image.a, input, i + 1 < frames.size() ? &upcoming.a : nullptr);
         const std::string name = fs::path(frames[i]).stem().string();
         writeFrame(propagator, w, (fs::path(args.out) / name).string(), written);
         std::printf("frame %zu/%zu %s: %u labels, %u tracks, tracking %.1f ms, segmentation %.1f ms\n", i + 1,

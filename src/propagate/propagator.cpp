@@ -441,7 +441,8 @@ void Propagator::segment(vela::Array<float4, 2>& device, const std::vector<std::
     labels_ = labelNumbers(solver_->u, labelIds_);
 }
 
-FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInput& input) {
+FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInput& input,
+                             const vela::Array<float4, 2>* upcoming) {
     const unsigned int w = image.extents.x, h = image.extents.y;
     if (frame_ == 0) {
         requireAddressable(w, h, 1);
@@ -459,6 +460,8 @@ FrameReport Propagator::next(const vela::Array<float4, 2>& image, const FrameInp
     FrameReport report;
     Clock::time_point start = Clock::now();
     followTracks(image);
+    // The next frame's flow runs while this one is segmented.
+    if (upcoming != nullptr) flow_.prefetch(*upcoming);
     // The first frame's clicks, carried here, label this frame again, now
     // with their motion: unless the frame brings labels of its own.
     std::vector<Click> carried = followClicks(clicksToCarry_);

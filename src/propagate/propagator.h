@@ -77,7 +77,11 @@ class Propagator {
     // Segments the next frame (a host W x H image, R, G and B in 0 to 255;
     // every frame must have the first one's size).  labels() then holds its
     // label values and solver() its solved labelling, until the next frame.
-    FrameReport next(const vela::Array<float4, 2>& image, const FrameInput& input);
+    // Given the frame that comes next, the optical flow to it runs on a
+    // thread of its own while this frame is segmented (the same flow as
+    // without: see OpticalFlow::prefetch).
+    FrameReport next(const vela::Array<float4, 2>& image, const FrameInput& input,
+                     const vela::Array<float4, 2>* upcoming = nullptr);
 
     // The frame's label value per pixel, row-major (0 throughout a frame
     // before any label is known).
