@@ -189,7 +189,8 @@ class LabelCoefficients {
 // The steps of the solve over every pixel and label.  The cuda backend runs
 // the kernels above, in 32 x 8 blocks with one label per grid layer; the
 // host backend runs the same per-pixel steps as row loops by default (the
-// kernels' blocks cost it several times more), summing each row in double.
+// kernels' blocks cost it several times more), the interior of each row in
+// vector lanes (src/dataterms/walker_rows.h), summing each row in double.
 class WalkerSteps {
  public:
     explicit WalkerSteps(const WalkerArrays& a)
