@@ -40,6 +40,35 @@ TEST(BlockCache, HandsAFreedBlockBackForItsOwnSizeAndTradesItForANewSize) {
     EXPECT_EQ(cache.keptBytes(), 0u);
 }
 
+TEST(BlockCache, KeepsABlockTheNextFrameWantsThroughAMissAtItsBusiestMoment) {
+    released.clear();
+    BlockCache cache(1000, 100000, 100, release);
+    // Each frame: a 2000-byte block used early and freed, then three
+    // 4000-byte ones at once, and beside them one of a size no frame asked
+    // for before (such as a list of points), which misses.  The first
+    // frames make their blocks while the busiest moment is not yet known.
+    auto take = [&](std::size_t bytes) {
+        void* p = cache.take(bytes);
+        return p != nullptr ? p : allocate(cache, bytes);
+    };
+    for (int frame = 0; frame < 4; ++frame) {
+        void* early = cache.take(2000);
+        EXPECT_TRUE(early != nullptr || frame < 2) << "frame " << frame;
+        if (early == nullptr) early = allocate(cache, 2000);
+        cache.free(early);
+        std::vector<void*> busy;
+        for (int i = 0; i < 3; ++i) busy.push_back(take(4000));
+        busy.push_back(take(1000 + static_cast<std::size_t>(frame)));
+        for (void* p : busy) cache.free(p);
+    }
+    EXPECT_LE(cache.keptBytes(), 13003u + 13003u / 4);  // near what a frame needs
+    // A frame of larger sizes (another number of labels): the kept blocks
+    // give way to its new ones.
+    void* larger = take(20000);
+    EXPECT_EQ(cache.keptBytes(), 0u);
+    cache.free(larger);
+}
+
 TEST(BlockCache, StaysWithinItsLimitByReleasingWhatItKeptFirst) {
     released.clear();
     {

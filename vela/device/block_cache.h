@@ -8,10 +8,19 @@
 // frame.  So that the memory held stays what a frame needs, a kept block goes
 // back for good once `window` requests have passed without taking it (a size
 // the frames no longer ask for, such as one of another number of labels); a
-// request of a size not kept releases the oldest kept blocks of as many bytes;
-// and the oldest go first where the kept blocks would pass `limit` bytes.
+// request of a size not kept releases the oldest kept blocks while the blocks
+// in use, those kept and the new one would hold more than a quarter above the
+// most in use at once over the last window or two; and the oldest go first
+// where the kept blocks would pass `limit` bytes.
+//
+// The quarter lets a block freed early in a frame, and asked for again in the
+// next, stay kept through the frame's busiest moment beside the blocks in use
+// there.  Without it a miss at that moment would release such a block, whose
+// next request would miss in turn: a propagation run remade (and the kernel
+// zeroed) about sixteen frame-sized blocks per frame that way.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -40,19 +49,22 @@ class BlockCache {
         if (bytes < smallest_) return nullptr;
         const std::lock_guard<std::mutex> lock(mutex_);
         ++requests_;
+        if (requests_ % window_ == 0) {
+            busiestBefore_ = busiest_;
+            busiest_ = inUse_;
+        }
         releaseStale();
         const auto found = bySize_.find(bytes);
         if (found == bySize_.end()) {
-            // A size not kept: the block about to be made takes the place of
-            // the oldest kept ones, so that a change of sizes (another number
-            // of labels) does not add the new blocks to the old.
-            for (std::size_t freed = 0; freed < bytes && !kept_.empty();) {
-                freed += kept_.front().bytes;
-                releaseOldest();
-            }
+            // A size not kept: the block about to be made may take the place
+            // of the oldest kept ones, so that a change of sizes (another
+            // number of labels) does not add the new blocks to the old.
+            const std::size_t busiest = std::max(busiest_, busiestBefore_);
+            while (!kept_.empty() && inUse_ + keptBytes_ + bytes > busiest + busiest / 4) releaseOldest();
             return nullptr;
         }
         void* p = found->second->p;
+        nowInUse(found->second->bytes);
         forget(found);
         return p;
     }
@@ -62,6 +74,7 @@ class BlockCache {
         if (p == nullptr || bytes < smallest_) return;
         const std::lock_guard<std::mutex> lock(mutex_);
         sizes_[p] = bytes;
+        nowInUse(bytes);
     }
 
     // Keeps a freed block of a noted size; releases any other, and one larger
@@ -70,6 +83,7 @@ class BlockCache {
         if (p == nullptr) return;
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto found = sizes_.find(p);
+        if (found != sizes_.end()) inUse_ -= found->second;
         if (found == sizes_.end() || found->second > limit_) {
             if (found != sizes_.end()) sizes_.erase(found);
             release_(p);
@@ -110,6 +124,10 @@ class BlockCache {
         forget(range.first);
         release_(p);
     }
+    void nowInUse(std::size_t bytes) {
+        inUse_ += bytes;
+        busiest_ = std::max(busiest_, inUse_);
+    }
     void releaseStale() {
         while (!kept_.empty() && requests_ - kept_.front().since > window_) releaseOldest();
     }
@@ -123,6 +141,10 @@ class BlockCache {
     std::unordered_multimap<std::size_t, Entry> bySize_;
     std::size_t keptBytes_ = 0;
     std::uint64_t requests_ = 0;
+    std::size_t inUse_ = 0;  // bytes of the noted blocks not freed
+    // The most bytes in use at once since the current window of requests
+    // began, and over the window before.
+    std::size_t busiest_ = 0, busiestBefore_ = 0;
 };
 
 }  // namespace vela::device::detail
