@@ -49,7 +49,7 @@ class BlockCache {
         if (bytes < smallest_) return nullptr;
         const std::lock_guard<std::mutex> lock(mutex_);
         ++requests_;
-        if (requests_ % window_ == 0) {
+        if (window_ != 0 && requests_ % window_ == 0) {
             busiestBefore_ = busiest_;
             busiest_ = inUse_;
         }
