@@ -18,8 +18,11 @@ constexpr float kFlowSlack = 0.5f;
 // exceeds kMotionEdge * |forward|^2 + kMotionEdgeSlack: there the point is
 // about to be hidden, or the flow mixes two motions.  The flow is sharp
 // enough to follow an object 2 to 4 pixels wide, so the gradient across such
-// an object is large everywhere on it: a tighter bound ends all its tracks.
-constexpr float kMotionEdge = 0.1f;
+// an object is large everywhere on it: at 0.1 a wire moving a pixel a frame
+// lost nearly every track each frame, new ones were labelled from a
+// segmentation that was losing it, and the wire was gone within 30 frames.
+// Still points need the tight bound that the slack alone sets.
+constexpr float kMotionEdge = 0.3f;
 constexpr float kMotionEdgeSlack = 0.02f;
 
 // Moves each of the n points (x, y in pixels; pixel i covers [i, i + 1))

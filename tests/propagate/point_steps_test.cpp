@@ -93,6 +93,20 @@ TEST(FollowPoints, MovesAlongTheFlowAndEndsWhereItLeavesTheFrameOrTheFlowsDisagr
         });
     EXPECT_FLOAT_EQ(edge.moved[0].x, 7.5f);
     EXPECT_EQ(edge.kept, std::vector<int>({0, 1}));
+
+    // A wire 2 px wide (columns 10 and 11) moving 1 px a frame over a still
+    // background: the flow changes on either side of every wire pixel, yet
+    // the wire keeps its tracks; the still point beside it, about to be
+    // covered, ends.
+    const Followed wire = follow({{10.5f, 5.5f}, {11.5f, 8.5f}, {9.5f, 5.5f}}, {0.0f, 0.0f}, {0.0f, 0.0f},
+                                 [](auto& f, auto& b, unsigned int w) {
+                                     for (unsigned int y = 0; y < 24; ++y)
+                                         for (unsigned int x = 10; x < 12; ++x) {
+                                             f[y * w + x] = {1.0f, 0.0f};
+                                             b[y * w + x + 1] = {-1.0f, 0.0f};
+                                         }
+                                 });
+    EXPECT_EQ(wire.kept, std::vector<int>({1, 1, 0}));
 }
 
 TEST(UniformRadius, IsTheLargestUniformSquareAndAPointIsSureWhereItReachesItsLabelsMargin) {
