@@ -31,11 +31,13 @@ class OpticalFlow {
     bool next(const vela::Array<float4, 2>& image, FlowPair& flow);
 
     // Starts the flow between the frame last given to next() and `upcoming`
-    // (a host image, as next() takes) on a thread of its own, to run while
-    // the caller works on the current frame; next() with that frame then
-    // takes it from there, the same flow as computed there.  Nothing starts
-    // before a first frame or for a frame of another size; a later next()
-    // with another frame computes its own.
+    // (a host image, as next() takes) on a thread of its own that runs only
+    // on cores nothing else wants, while the caller works on the current
+    // frame; next() with that frame then takes it from there, the same flow
+    // as computed there.  If it is not done after as long again as it has
+    // run, next() computes its own, and nothing more starts until the one
+    // under way ends.  Nothing starts before a first frame or for a frame of
+    // another size; a later next() with another frame computes its own.
     void prefetch(const vela::Array<float4, 2>& upcoming);
 
     // Forgets the frame before, as at the start of a new video.

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -45,17 +47,21 @@ TEST(OpticalFlow, AFlowStartedAheadIsTheFlowComputedWhenItsFrameComes) {
     ASSERT_TRUE(plain.next(f1.view(), first));
     ASSERT_TRUE(plain.next(f2.view(), second));
 
-    // Each frame started ahead of its turn.
-    OpticalFlow ahead;
+    // Each frame started ahead of its turn: asked for at once, before the
+    // flow ahead can be done (next() computes its own while it still runs,
+    // and nothing new starts beside it), and asked for after a pause.
     FlowPair flow;
-    ahead.prefetch(f0.view());  // no frame before: nothing starts
-    EXPECT_FALSE(ahead.next(f0.view(), flow));
-    ahead.prefetch(f1.view());
-    ASSERT_TRUE(ahead.next(f1.view(), flow));
-    EXPECT_TRUE(sameFlows(flow, first));
-    ahead.prefetch(f2.view());
-    ASSERT_TRUE(ahead.next(f2.view(), flow));
-    EXPECT_TRUE(sameFlows(flow, second));
+    for (const int pauseMs : {0, 300}) {
+        OpticalFlow ahead;
+        ahead.prefetch(f0.view());  // no frame before: nothing starts
+        EXPECT_FALSE(ahead.next(f0.view(), flow));
+        for (Frame* frame : {&f1, &f2}) {
+            ahead.prefetch(frame->view());
+            std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+            ASSERT_TRUE(ahead.next(frame->view(), flow));
+            EXPECT_TRUE(sameFlows(flow, frame == &f1 ? first : second)) << "pause " << pauseMs << " ms";
+        }
+    }
 
     // Another frame than the one started ahead gets its own flow.
     OpticalFlow wrong;
