@@ -158,7 +158,7 @@ struct countRadii_kernel {
 
 struct labelsAtPoints_kernel {
     VELA_HD void operator()(const Thread& t, Array<float2, 1> points, unsigned int n, Array<int, 2> labels,
-                            Array<int, 2> radius, Array<int, 1> margins, Array<int2, 1> found) const {
+                            Array<int, 2> radius, Array<int2, 1> radii, Array<int2, 1> found) const {
         const unsigned int i = pointIndex(t);
         if (i >= n) return;
         const float2 p = vela::at(points, i);
@@ -166,8 +166,12 @@ struct labelsAtPoints_kernel {
         if (inFrame(p, labels.extents.x, labels.extents.y)) {
             const unsigned int x = static_cast<unsigned int>(p.x), y = static_cast<unsigned int>(p.y);
             const int label = vela::at(labels, x, y);
-            const bool sure = label >= 0 && static_cast<unsigned int>(label) < margins.extents.x &&
-                              vela::at(radius, x, y) >= vela::at(margins, static_cast<unsigned int>(label));
+            bool sure = false;
+            if (label >= 0 && static_cast<unsigned int>(label) < radii.extents.x) {
+                const int2 range = vela::at(radii, static_cast<unsigned int>(label));
+                const int r = vela::at(radius, x, y);
+                sure = r >= range.x && r <= range.y;
+            }
             result = make_int2(sure ? label : -1, label < 0 ? -1 : label);
         }
         vela::at(found, i) = result;
@@ -303,10 +307,10 @@ void countRadii(const Array<int, 2>& labels, const Array<int, 2>& radius, Array<
 }
 
 void labelsAtPoints(const Array<float2, 1>& points, unsigned int n, const Array<int, 2>& labels,
-                    const Array<int, 2>& radius, const Array<int, 1>& margins, Array<int2, 1>& found) {
+                    const Array<int, 2>& radius, const Array<int2, 1>& radii, Array<int2, 1>& found) {
     if (n == 0) return;
     vela::device::launch<labelsAtPoints_kernel>(pointGrid(n), dim3(kPointBlock), nullptr, points, n, labels, radius,
-                                                margins, found);
+                                                radii, found);
     check(__LINE__);
 }
 

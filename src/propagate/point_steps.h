@@ -50,10 +50,11 @@ void uniformRadius(const vela::Array<int, 2>& labels, unsigned int margin, vela:
 void countRadii(const vela::Array<int, 2>& labels, const vela::Array<int, 2>& radius, vela::Array<int, 2>& counts);
 
 // For each of the n points, (label, label) at its pixel where its radius
-// reaches the margin of its label (`margins`, 256 entries), (-1, label)
-// where it does not, and (-1, -1) outside the frame, into `found`.
+// lies within its label's range (`radii`, 256 entries of the least and the
+// most radius), (-1, label) where it does not, and (-1, -1) outside the
+// frame, into `found`.
 void labelsAtPoints(const vela::Array<float2, 1>& points, unsigned int n, const vela::Array<int, 2>& labels,
-                    const vela::Array<int, 2>& radius, const vela::Array<int, 1>& margins, vela::Array<int2, 1>& found);
+                    const vela::Array<int, 2>& radius, const vela::Array<int2, 1>& radii, vela::Array<int2, 1>& found);
 
 // A label given by clicks lies near them: adds to layer l of `cost` (W x H x L)
 // weight * clamp(d / reach_l - 1, 0, 1) at each pixel, d the distance to the

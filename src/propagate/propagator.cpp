@@ -197,7 +197,10 @@ void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool 
     uniformRadius(labels.a, m, rows.a, radius.a);
 
     // Each label's margin: the largest up to `margin` that leaves it at least
-    // kSureShare of its pixels, so that a thin object keeps tracks too.
+    // kSureShare of its pixels, so that a thin object keeps tracks too.  Such
+    // a label, in a segmented frame, is sure only where the segmentation is
+    // about as thin as the label: a part more than twice as wide is a spill
+    // (between the bars of a fence, say), and its tracks would feed it.
     vela::ScopedArray<int, 2> deviceCounts(seg::deviceArray2D<int>(m + 1, kLabelValues));
     countRadii(labels.a, radius.a, deviceCounts.a);
     std::vector<int> counts(static_cast<std::size_t>(m + 1) * kLabelValues);
@@ -214,11 +217,14 @@ void Propagator::relabel(const std::vector<std::uint8_t>& map, int margin, bool 
                 break;
             }
     }
-    const vela::ScopedArray<int, 1> deviceMargins = seg::deviceCopy(view(margins));
+    std::vector<int2> radii(kLabelValues);
+    for (unsigned int l = 0; l < kLabelValues; ++l)
+        radii[l] = make_int2(margins[l], all || margins[l] == margin ? margin : 2 * margins[l] + 1);
+    const vela::ScopedArray<int2, 1> deviceRadii = seg::deviceCopy(view(radii));
 
     const vela::ScopedArray<float2, 1> devicePoints = devicePositions();
     vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(n));
-    labelsAtPoints(devicePoints.a, n, labels.a, radius.a, deviceMargins.a, found.a);
+    labelsAtPoints(devicePoints.a, n, labels.a, radius.a, deviceRadii.a, found.a);
     std::vector<int2> values(n);
     vela::Array<int2, 1> host = view(values);
     vela::arrayCopy(host, found.a);

@@ -139,22 +139,34 @@ TEST(UniformRadius, IsTheLargestUniformSquareAndAPointIsSureWhereItReachesItsLab
     EXPECT_EQ(c[1 * 2 + 0] + c[1 * 2 + 1], 36);
     EXPECT_EQ(c[1 * 2 + 1], 20);  // rows 0-3 of columns 0-4, at radius 1 or 2
 
-    // At points: sure where the radius reaches the label's margin (the line's
-    // margin is 0, so it is sure everywhere); outside the frame, nothing.
-    std::vector<int> margins(256, 2);
-    margins[3] = 0;
-    const auto marginsOnDevice = upload(margins);
-    const std::vector<float2> points = {{0.5f, 0.5f}, {6.5f, 3.5f}, {3.2f, 5.9f}, {12.0f, 1.0f}};
+    // At points: sure where the radius lies in the label's range (the line's
+    // least radius is 0, so it is sure everywhere); outside the frame,
+    // nothing.
+    std::vector<int2> radii(256, make_int2(2, 2));
+    radii[3] = make_int2(0, 0);
+    const std::vector<float2> points = {{0.5f, 0.5f}, {6.5f, 3.5f}, {3.2f, 5.9f}, {12.0f, 1.0f}, {3.5f, 3.5f}};
     const auto pointsOnDevice = upload(points);
-    vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(4));
-    labelsAtPoints(pointsOnDevice.a, 4, device.a, radius.a, marginsOnDevice.a, found.a);
-    const std::vector<int2> at = download(found.a, 4);
+    auto sureAt = [&](const std::vector<int2>& ranges) {
+        const auto rangesOnDevice = upload(ranges);
+        vela::ScopedArray<int2, 1> found(seg::deviceArray1D<int2>(5));
+        labelsAtPoints(pointsOnDevice.a, 5, device.a, radius.a, rangesOnDevice.a, found.a);
+        return download(found.a, 5);
+    };
+    const std::vector<int2> at = sureAt(radii);
     EXPECT_EQ(at[0].x, 1);
     EXPECT_EQ(at[1].x, -1);
     EXPECT_EQ(at[1].y, 2);
     EXPECT_EQ(at[2].x, 3);
     EXPECT_EQ(at[3].x, -1);
     EXPECT_EQ(at[3].y, -1);
+    EXPECT_EQ(at[4].x, -1);  // radius 1, below label 1's least
+    // A label sure only up to radius 1 (a thin one, where label 1 would be a
+    // spill): its wide part is not sure.
+    radii[1] = make_int2(0, 1);
+    const std::vector<int2> thin = sureAt(radii);
+    EXPECT_EQ(thin[0].x, -1);  // radius 2
+    EXPECT_EQ(thin[0].y, 1);
+    EXPECT_EQ(thin[4].x, 1);
 }
 
 TEST(CountPointsInCells, CountsOnlyKeptPointsInTheirCellsIncludingCutShortOnes) {
