@@ -260,6 +260,27 @@ struct motionMisfits_kernel {
                     best = static_cast<int>(k);
                 }
             }
+        } else if (own == kNoLabelYet) {
+            // The nearest label's motion, and how near the second comes; a
+            // label that does not move as one may stand in the way, but not
+            // give its label.
+            const float mx = p.x - p.z, my = p.y - p.w;
+            float nearest = -1.0f, second = -1.0f;
+            int at = -1;
+            for (unsigned int k = 0; k < motions.extents.x; ++k) {
+                const float4 other = vela::at(motions, k);
+                const float miss = hypotf(mx - other.x, my - other.y);
+                if (nearest < 0.0f || miss < nearest) {
+                    second = nearest;
+                    nearest = miss;
+                    at = static_cast<int>(k);
+                } else if (second < 0.0f || miss < second) {
+                    second = miss;
+                }
+            }
+            if (at >= 0 && vela::at(motions, static_cast<unsigned int>(at)).z > 0.0f && nearest <= kMotionMisfit &&
+                (second < 0.0f || nearest < kMotionFit * second))
+                best = at;
         }
         vela::at(better, i) = best;
     }

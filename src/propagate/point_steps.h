@@ -82,15 +82,20 @@ void addClickMotionCost(vela::Array<float, 3>& cost, const vela::Array<float2, 2
 // lie within kMotionMisfit pixels of it the label moves as one, and only then
 // does its motion speak.  A track of such a label that misses its label's
 // motion by more than kMotionMisfit pixels and comes within kMotionFit times
-// that of another such label's motion moves like that label instead.
+// that of another such label's motion moves like that label instead.  A
+// track without a label yet moves like the label whose motion it comes
+// within kMotionMisfit pixels of, where every other one misses it by more
+// than 1 / kMotionFit times as much.
 constexpr float kMotionMisfit = 0.6f;
 constexpr float kMotionFit = 0.4f;
 constexpr float kMotionCoherence = 0.5f;  // the share of a label's tracks that makes it move as one
+constexpr int kNoLabelYet = -2;           // the layer of a track without a label
 
 // For each of the n points ((x, y) now, (x, y) in the frame before), the
 // index in `motions` of the label it moves like instead of its own (index
-// layers[i], negative for none), or -1, into `better`.  motions(k) = (motion
-// x, motion y, 1 where label k moves as one or 0, unused).
+// layers[i]; kNoLabelYet for a track without a label, other negatives for
+// none), or -1, into `better`.  motions(k) = (motion x, motion y, 1 where
+// label k moves as one or 0, unused).
 void motionMisfits(const vela::Array<float4, 1>& points, const vela::Array<int, 1>& layers, unsigned int n,
                    const vela::Array<float4, 1>& motions, vela::Array<int, 1>& better);
 

@@ -130,6 +130,7 @@ void Propagator::relabelByMotion() {
         packed[i] = make_float4(p.x, p.y, p.fromX, p.fromY);
         const auto found = std::find(labels.begin(), labels.end(), p.label);
         if (p.fromX >= 0.0f && found != labels.end()) layers[i] = static_cast<int>(found - labels.begin());
+        if (p.fromX >= 0.0f && p.label < 0) layers[i] = kNoLabelYet;
     }
     const vela::ScopedArray<float4, 1> devicePoints = seg::deviceCopy(view(packed));
     const vela::ScopedArray<int, 1> deviceLayers = seg::deviceCopy(view(layers));

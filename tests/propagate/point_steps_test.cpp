@@ -232,12 +232,19 @@ TEST(MotionMisfits, FindsTheLabelATrackMovesLikeOnlyWhereItClearlyMissesItsOwn) 
         {11, 9.5f, 10, 10},   // label 0, halfway to label 1's motion: neither clearly
         {12, 9, 10, 10},      // label 2, moving like label 1: label 2 has no motion to miss
         {8, 10, 10, 10},      // label 1, moving like label 2: label 2's motion does not speak
-        {10, 10, 20, 20},     // no label
+        {10, 10, 20, 20},     // none to find
+        // Tracks without a label yet:
+        {11.9f, 9.2f, 10, 10},  // near label 1's motion, far from the others': label 1
+        {10.3f, 10, 10, 10},    // near label 0's: label 0
+        {10.9f, 9.6f, 10, 10},  // between labels 0 and 1: neither clearly
+        {8.1f, 10, 10, 10},     // like label 2, whose motion does not speak
+        {10.7f, 10, 10, 10},    // 0.7 px from label 0's motion: too far to move like it
     });
-    const auto layers = upload(std::vector<int>{1, 1, 0, 2, 1, -1});
-    vela::ScopedArray<int, 1> better(seg::deviceArray1D<int>(6));
-    propagate::motionMisfits(points.a, layers.a, 6, motions.a, better.a);
-    EXPECT_EQ(download(better.a, 6), std::vector<int>({0, -1, -1, -1, -1, -1}));
+    const int none = propagate::kNoLabelYet;
+    const auto layers = upload(std::vector<int>{1, 1, 0, 2, 1, -1, none, none, none, none, none});
+    vela::ScopedArray<int, 1> better(seg::deviceArray1D<int>(11));
+    propagate::motionMisfits(points.a, layers.a, 11, motions.a, better.a);
+    EXPECT_EQ(download(better.a, 11), std::vector<int>({0, -1, -1, -1, -1, -1, 1, 0, -1, -1, -1}));
 }
 
 TEST(ImposeLayers, MakesTheGivenLayerWholeAndLeavesOpenPixels) {
