@@ -804,9 +804,9 @@ def propagate(frames, annotations, **settings):
     motion_frames : int, optional
         A track that moves this many frames in a row unlike its label's
         tracks and like another label's takes that label, where both
-        labels' tracks move as one, and a track without a label takes the
-        label whose tracks it clearly moves like; 2 by default, 0 to 1000,
-        0: never (``motionFrames``).
+        labels' tracks move as one (like no label's, the background's), and
+        a track without a label takes the label whose tracks it clearly
+        moves like; 2 by default, 0 to 1000, 0: never (``motionFrames``).
     **settings
         Any keyword of :func:`segment_video`; by default the recommended
         settings with ``temporal_walker_radius=0`` and

@@ -260,6 +260,14 @@ struct motionMisfits_kernel {
                     best = static_cast<int>(k);
                 }
             }
+            if (best < 0 && misfit > kStrayMotion) {
+                bool likeAny = false;
+                for (unsigned int k = 0; k < motions.extents.x; ++k) {
+                    const float4 other = vela::at(motions, k);
+                    likeAny = likeAny || hypotf(mx - other.x, my - other.y) <= kMotionMisfit;
+                }
+                if (!likeAny) best = kStrays;
+            }
         } else if (own == kNoLabelYet) {
             // The nearest label's motion, and how near the second comes; a
             // label that does not move as one may stand in the way, but not

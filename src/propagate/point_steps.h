@@ -85,17 +85,22 @@ void addClickMotionCost(vela::Array<float, 3>& cost, const vela::Array<float2, 2
 // that of another such label's motion moves like that label instead.  A
 // track without a label yet moves like the label whose motion it comes
 // within kMotionMisfit pixels of, where every other one misses it by more
-// than 1 / kMotionFit times as much.
+// than 1 / kMotionFit times as much.  A track of a label that moves as one
+// that misses its label's motion by more than kStrayMotion pixels and comes
+// within kMotionMisfit pixels of no label's motion strays: it follows
+// something no label names, which is background.
 constexpr float kMotionMisfit = 0.6f;
 constexpr float kMotionFit = 0.4f;
 constexpr float kMotionCoherence = 0.5f;  // the share of a label's tracks that makes it move as one
-constexpr int kNoLabelYet = -2;           // the layer of a track without a label
+constexpr float kStrayMotion = 3.0f;
+constexpr int kNoLabelYet = -2;  // the layer of a track without a label
+constexpr int kStrays = -3;      // found for a track that strays
 
 // For each of the n points ((x, y) now, (x, y) in the frame before), the
 // index in `motions` of the label it moves like instead of its own (index
 // layers[i]; kNoLabelYet for a track without a label, other negatives for
-// none), or -1, into `better`.  motions(k) = (motion x, motion y, 1 where
-// label k moves as one or 0, unused).
+// none), kStrays where it strays, or -1, into `better`.  motions(k) =
+// (motion x, motion y, 1 where label k moves as one or 0, unused).
 void motionMisfits(const vela::Array<float4, 1>& points, const vela::Array<int, 1>& layers, unsigned int n,
                    const vela::Array<float4, 1>& motions, vela::Array<int, 1>& better);
 

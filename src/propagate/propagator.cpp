@@ -145,7 +145,9 @@ void Propagator::relabelByMotion() {
     // only after motionFrames frames in a row.
     for (unsigned int i = 0; i < n; ++i) {
         Point& p = points_[i];
-        const int like = found[i] >= 0 ? labels[static_cast<std::size_t>(found[i])] : -1;
+        const int like = found[i] >= 0         ? labels[static_cast<std::size_t>(found[i])]
+                         : found[i] == kStrays ? kBackground
+                                               : -1;
         p.frames = like >= 0 && like == p.movesLike ? p.frames + 1 : (like >= 0 ? 1 : 0);
         p.movesLike = like;
         if (like < 0 || p.frames < tracker_.motionFrames) continue;

@@ -38,9 +38,10 @@ struct TrackerSettings {
     // with their motion, where each clicked label keeps a click on the way.
     float clickMotionWeight = 4.0f;
     // "i motionFrames": a track that moves, this many frames in a row, unlike
-    // its label's tracks and like another label's takes that label, and a
-    // track without a label one whose tracks it clearly moves like (0: never;
-    // point_steps.h says when a track moves like a label).
+    // its label's tracks and like another label's takes that label (like no
+    // label's, the background's), and a track without a label one whose
+    // tracks it clearly moves like (0: never; point_steps.h says when a track
+    // moves like a label).
     int motionFrames = 2;
 };
 

@@ -239,12 +239,16 @@ TEST(MotionMisfits, FindsTheLabelATrackMovesLikeOnlyWhereItClearlyMissesItsOwn) 
         {10.9f, 9.6f, 10, 10},  // between labels 0 and 1: neither clearly
         {8.1f, 10, 10, 10},     // like label 2, whose motion does not speak
         {10.7f, 10, 10, 10},    // 0.7 px from label 0's motion: too far to move like it
+        // Label 1's tracks far off its motion:
+        {18, 15, 10, 10},    // like no label at all: strays
+        {8.2f, 10, 10, 10},  // like label 2, whose tracks scatter: it may be one of them
+        {12, 12, 10, 10},    // 3 px off: not far enough to stray
     });
-    const int none = propagate::kNoLabelYet;
-    const auto layers = upload(std::vector<int>{1, 1, 0, 2, 1, -1, none, none, none, none, none});
-    vela::ScopedArray<int, 1> better(seg::deviceArray1D<int>(11));
-    propagate::motionMisfits(points.a, layers.a, 11, motions.a, better.a);
-    EXPECT_EQ(download(better.a, 11), std::vector<int>({0, -1, -1, -1, -1, -1, 1, 0, -1, -1, -1}));
+    const int none = propagate::kNoLabelYet, strays = propagate::kStrays;
+    const auto layers = upload(std::vector<int>{1, 1, 0, 2, 1, -1, none, none, none, none, none, 1, 1, 1});
+    vela::ScopedArray<int, 1> better(seg::deviceArray1D<int>(14));
+    propagate::motionMisfits(points.a, layers.a, 14, motions.a, better.a);
+    EXPECT_EQ(download(better.a, 14), std::vector<int>({0, -1, -1, -1, -1, -1, 1, 0, -1, -1, -1, strays, -1, -1}));
 }
 
 TEST(ImposeLayers, MakesTheGivenLayerWholeAndLeavesOpenPixels) {
