@@ -80,12 +80,18 @@ propagation() {
         cp "$data_root/propagation-data/table.md" "$out/propagation-table.md"
 }
 
+# The extension is compiled, C++ and CUDA host code alike, by the compiler whose
+# libstdc++ the Python process loads (PYTHON_CXX, default the system's g++): one
+# built against a newer libstdc++'s headers (a compiler of its own under /opt,
+# say, which CXX and CUDAHOSTCXX may name) crashed at import.
 python_package() {
-    local arch target=$data_root/python-site
+    local arch target=$data_root/python-site cxx=${PYTHON_CXX:-/usr/bin/g++}
     arch=$(nvidia-smi --query-gpu=compute_cap --format=csv,noheader | head -n 1 | tr -d .)
-    rm -rf "$target"
-    CMAKE_BUILD_PARALLEL_LEVEL=$(nproc) "$python" -m pip install -q --no-build-isolation --no-deps --target "$target" . \
-        --config-settings=cmake.define.VELA_CUDA=ON "--config-settings=cmake.define.CMAKE_CUDA_ARCHITECTURES=$arch" &&
+    rm -rf "$target" build-python
+    CXX=$cxx CUDAHOSTCXX=$cxx CMAKE_BUILD_PARALLEL_LEVEL=$(nproc) "$python" -m pip install -q --no-build-isolation \
+        --no-deps --target "$target" . --config-settings=cmake.define.VELA_CUDA=ON \
+        "--config-settings=cmake.define.CMAKE_CUDA_ARCHITECTURES=$arch" || return 1
+    PYTHONPATH=$target VELA_DEVICE=cuda "$python" -c 'import denseseg; print("backend:", denseseg.backend())' &&
         PYTHONPATH=$target DENSESEG_PROGRAM=$build_dir/src/denseseg VELA_DEVICE=cuda "$python" -m pytest -q tests/python
 }
 
