@@ -16,7 +16,8 @@
 #             with denseseg-propagate on the GPU; its table goes to OUT too
 #   python    the Python package built with the cuda backend, and its tests
 #
-# The generated sequences and the package go to GPU_CHECK_DATA (default OUT).
+# The generated sequences, the package and its build go to GPU_CHECK_DATA
+# (default OUT).
 # GPU_CHECK_BUILD names the build folder (default build/); one built elsewhere
 # for this GPU can be used without the build step.
 # Without steps: all of them. Every step runs even when one before failed; the
@@ -85,11 +86,11 @@ propagation() {
 # built against a newer libstdc++'s headers (a compiler of its own under /opt,
 # say, which CXX and CUDAHOSTCXX may name) crashed at import.
 python_package() {
-    local arch target=$data_root/python-site cxx=${PYTHON_CXX:-/usr/bin/g++}
+    local arch target=$data_root/python-site build=$data_root/python-build cxx=${PYTHON_CXX:-/usr/bin/g++}
     arch=$(nvidia-smi --query-gpu=compute_cap --format=csv,noheader | head -n 1 | tr -d .)
-    rm -rf "$target" build-python
+    rm -rf "$target" "$build"
     CXX=$cxx CUDAHOSTCXX=$cxx CMAKE_BUILD_PARALLEL_LEVEL=$(nproc) "$python" -m pip install -q --no-build-isolation \
-        --no-deps --target "$target" . --config-settings=cmake.define.VELA_CUDA=ON \
+        --no-deps --target "$target" . "--config-settings=build-dir=$build" --config-settings=cmake.define.VELA_CUDA=ON \
         "--config-settings=cmake.define.CMAKE_CUDA_ARCHITECTURES=$arch" || return 1
     PYTHONPATH=$target VELA_DEVICE=cuda "$python" -c 'import denseseg; print("backend:", denseseg.backend())' &&
         PYTHONPATH=$target DENSESEG_PROGRAM=$build_dir/src/denseseg VELA_DEVICE=cuda "$python" -m pytest -q tests/python
